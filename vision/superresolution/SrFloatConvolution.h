@@ -1,0 +1,51 @@
+#pragma once
+
+#include <opencv2/core.hpp>
+
+namespace kelvo::vision {
+
+// The linear operators that tie a high-resolution image x (W x H) to one
+// low-resolution frame y (w x h) through a separable point-spread function
+// (psfX with kx taps, psfY with ky taps):
+//
+//   validCorrToSparse:   y[r][c] = sum_i sum_j psfY[i] psfX[j] x[2r + i][F c + j]
+//   fullConvFromSparse:  x       = H^T (m .* y), a "full" image of
+//                        (H + ky - 1) x (W + kx - 1) pixels
+//
+// with F = (int)factor horizontally and a vertical step fixed at 2, so that the
+// pair stays an exact transpose for every factor. Sums run tap by tap, in float,
+// which fixes their rounding. Both operators work through one scratch buffer owned
+// by the instance, so an instance serves one thread.
+class SrFloatConvolution {
+public:
+    SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight, float factor);
+
+    void fullConvFromSparse(float* const lowRes, float* const psfX, float* const psfY, char* mask,
+                            float* out);
+    void validCorrToSparse(float* const full, float* const psfX, float* const psfY,
+                           float* lowResOut);
+
+    // Box filter of side 2 radius + 1 whose window is clipped at the image border:
+    // every output pixel is the mean of the input pixels inside both.
+    static void blurImageMeanFilter(cv::Mat_<float>& in, int radius, cv::Mat_<float>& out);
+    // The same, with the caller's scratch matrix (reshaped when needed), so that
+    // repeated calls on frames of one size allocate nothing.
+    static void blurImageMeanFilter(cv::Mat_<float>& in, int radius, cv::Mat_<float>& out,
+                                    cv::Mat_<float>& scratch);
+
+    int getFullWidth() const { return fullWidth; }
+    int getFullHeight() const { return fullHeight; }
+
+private:
+    int hrWidth;
+    int hrHeight;
+    int kernelWidth;
+    int kernelHeight;
+    int fullWidth;
+    int fullHeight;
+    float factor;
+    cv::Mat scratch;
+    float* scratchData;
+};
+
+}  // namespace kelvo::vision

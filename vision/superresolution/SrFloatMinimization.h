@@ -1,0 +1,93 @@
+#pragma once
+
+#include <memory>
+#include <opencv2/core.hpp>
+#include <vector>
+
+#include "vision/superresolution/SrFloatConvolution.h"
+
+namespace kelvo::vision {
+
+// Total-variation regularised reconstruction of the high-resolution image x from N
+// registered frames y_k:
+//
+//   minimise  sum_k || M_k (H_k x - y_k) ||^2  +  TV(x) / weightTV
+//
+// H_k blurs with the sensor's Gaussian PSF moved by the frame's sub-pixel shift and
+// samples on the frame grid (SrFloatConvolution), M_k is the frame's validity mask.
+// Lagged diffusivity freezes the TV gradient magnitudes into a weighted 9-point
+// operator L; each restart of conjugate gradients solves
+//   (L + sum_k H_k^T M_k H_k) x = sum_k H_k^T M_k y_k
+// and recomputes L from the current estimate. Intensities are normalised by the
+// reference frame's mean and deviation while solving.
+class SrFloatMinimization {
+public:
+    SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor);
+
+    // Writes the (int)(h f) x (int)(w f) result and returns the conjugate-gradient
+    // iterations spent. The frames are normalised in place.
+    int minimize(int numFrames, int refIndex, float** const frames,
+                 cv::Point_<float>* const shifts, char** masks, float* result);
+
+    float getPsfSigma() const { return psfSigma; }
+    void setPsfSigma(float value);
+    float getWeightTV() const { return weightTV; }
+    void setWeightTV(float value);
+    float getEpsilon() const { return epsilon; }
+    void setEpsilon(float value);
+    float getRelRes() const { return relRes; }
+    void setRelRes(float value) { relRes = value; }
+    int getMaxIter() const { return maxIter; }
+    void setMaxIter(int value) { maxIter = value; }
+
+    int getPsfSize() const { return psfSize; }
+    const float* getBasePsf() const { return basePsf.data(); }
+
+private:
+    void generatePsfs(int numFrames, cv::Point_<float>* const shifts);
+    int conjugateGradients(int numFrames, char** masks, int maxIter);
+    void computeL();
+    void gradient(float* const in, int numFrames, char** masks, float* out);
+    bool iteration(int index, int numFrames, char** masks);
+
+    int lrWidth;
+    int lrHeight;
+    int psfSize;
+    int fullWidth;
+    int fullHeight;
+    int fullSize;
+    int maxFrames;
+    float factor;
+    float psfSigma = 0.0f;
+    float weightTV = 0.0f;
+    float relRes = 0.0f;
+    int maxIter = 0;
+    std::vector<float> basePsf;
+    std::vector<std::vector<float>> psfX;
+    std::vector<std::vector<float>> psfY;
+    std::unique_ptr<SrFloatConvolution> convolution;
+    std::vector<float> lowResScratch;
+    std::vector<float> convScratch;
+    std::vector<float> rhs;
+    std::vector<float> estimate;
+    std::vector<float> weightRight;
+    std::vector<float> weightDown;
+    std::vector<float> weightDownLeft;
+    std::vector<float> weightDownRight;
+    std::vector<float> weightCentre;
+    std::vector<float> residual;
+    std::vector<float> direction;
+    std::vector<float> operatorDirection;
+    float negInvWeightTV = 0.0f;
+    float epsilon = 0.0f;
+    float invEpsilon = 0.0f;
+    float residualNorm2 = 0.0f;
+    float invRhsNorm2 = 0.0f;
+};
+
+// The error function as every Gaussian tap of the library computes it:
+//   erf(x) = sign(x) sqrt(1 - exp(-x^2 (4/pi + a x^2) / (1 + a x^2))),  a = 0.1400123,
+// with erf(0) = 0 exactly.
+float approximateErf(float x);
+
+}  // namespace kelvo::vision

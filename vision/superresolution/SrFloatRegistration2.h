@@ -1,0 +1,58 @@
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <vector>
+
+#include "vision/superresolution/SrFloatRegistrationBase.h"
+
+namespace kelvo::vision {
+
+// Registration by tracked corners: corners of the blurred reference are followed
+// into each frame by pyramidal Lucas-Kanade on 8-bit pyramids built once per frame;
+// the median-filtered mean of their displacements, rounded, starts the global
+// sub-pixel step of SrFloatRegistrationBase::opticalFlow.
+class SrFloatRegistration2 : public SrFloatRegistrationBase {
+public:
+    SrFloatRegistration2(int width, int height, int frameCount);
+
+    // Blurs the frame, converts it to 8 bits over a range that changes only when a
+    // frame leaves it, and builds its optical-flow pyramid into the newest slot.
+    void prepareFrame(const float* frame);
+
+    // 0, or -9 when no reference corner could be tracked into some frame. Throws
+    // kelvo::Exception "Too large displacement".
+    int doRegistration(int frameCount, int referenceIndex, const float* const* frames,
+                       cv::Point_<float>* shifts, char** masks, float** shiftedFrames);
+
+    int getBlurRadius() const { return blurRadius; }
+    void setBlurRadius(int value) { blurRadius = value; }
+
+    // Read-only views for inspection and tests.
+    const std::vector<cv::Mat_<float>>& getPreparedFrames() const { return preparedFrames; }
+    const std::vector<std::vector<cv::Mat>>& getFramePyramids() const { return framePyramids; }
+    const std::vector<cv::Point_<float>>& getRefCorners() const { return refCorners; }
+    float getRangeLow() const { return rangeLow; }
+    float getRangeHigh() const { return rangeHigh; }
+
+private:
+    int registerFrames(int frameCount, int referenceIndex, const float* const* frames,
+                       cv::Point_<float>* shifts, char** masks);
+    int registerWithCorners(unsigned int referenceIndex, unsigned int frameIndex,
+                            cv::Point_<int>& displacement);
+    void initialize(char** masks, int referenceIndex);
+    void extractCornersRefImage(cv::Mat_<float>& reference);
+
+    int blurRadius = 5;
+    int trackWindowSize = 21;
+    std::vector<cv::Mat_<float>> preparedFrames;
+    std::vector<std::vector<cv::Mat>> framePyramids;
+    std::vector<cv::Point_<float>> refCorners;
+    float rangeHigh;
+    float rangeLow;
+    float rangeScale = 0.0f;
+    float rangeOffset = 0.0f;
+    cv::Mat_<float> scaledFrame;
+    cv::Mat eightBitFrame;
+};
+
+}  // namespace kelvo::vision

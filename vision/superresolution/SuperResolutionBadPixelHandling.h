@@ -1,0 +1,77 @@
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <vector>
+
+namespace kelvo::vision {
+
+// Defective sensor pixels in the super-resolution pass. A defect arrives in a float
+// frame as a marker bit pattern (denormal numbers that never occur as measurements),
+// as an infinite or NaN value, or as a value outside the valid range. Detection
+// repairs each defect at once from its four neighbours and keeps a defect map per
+// frame for the last historyLength frames; after reconstruction the result pixels
+// that those defects influenced are marked and refilled from good input pixels.
+class SuperResolutionBadPixelHandling {
+public:
+    // Marker bit patterns, read as the unsigned integer of the float.
+    static constexpr unsigned int kMarkerMaximum = 129;  // repaired with the frame maximum
+    static constexpr unsigned int kMarkerMinimum = 130;  // repaired with the frame minimum
+    static constexpr unsigned int kMarkerDefect = 132;
+    static constexpr unsigned int kMarkerDefectAlternative = 133;
+
+    // Codes of a defect map; 0 is a good pixel.
+    enum DefectCode : unsigned char {
+        kDefectMinimumMarker = 1,
+        kDefectMaximumMarker = 2,
+        kDefectInvalid = 3,
+        kDefectBelowRange = 4,
+        kDefectAboveRange = 5,
+    };
+
+    explicit SuperResolutionBadPixelHandling(unsigned int historyLength);
+
+    // Raw sensor counts have a wider valid range than temperatures.
+    void setDataIsNUC(bool value);
+    bool getDataIsNUC() const { return dataIsNUC; }
+    float getValidMin() const { return validMin; }
+    float getValidMax() const { return validMax; }
+
+    // Repairs the frame in place and stores its defect map. Returns 0, or -2 when some
+    // defect could only be filled with a fallback value; throws kelvo::Exception when
+    // more than ten pixels cannot be repaired.
+    int detectAndReplaceBadPixel(cv::Mat_<float>& frame);
+
+    // Extremes over the valid pixels; the first occurrence wins.
+    void getMinMaxVal(const cv::Mat_<float>& image, float& minValue, float& maxValue,
+                      cv::Point_<int>* minLocation, cv::Point_<int>* maxLocation) const;
+
+    // Writes marker bits into the 7 x 7 result block around every stored defect.
+    void maskBadPixel(cv::Mat_<float>& result, const std::vector<cv::Point_<float>>& shifts);
+
+    // Refills marked result pixels with the mean of the good frame pixels they map to.
+    void replaceMaskedPixel(cv::Mat_<float>& result, const std::vector<cv::Point_<float>>& shifts,
+                            const std::vector<cv::Mat_<float>>& frames);
+
+    // Paints 129 markers red and 130 markers blue into a colour view of the image.
+    static void colorBadPixel(const cv::Mat_<float>& image,
+                              cv::Mat_<cv::Vec<unsigned char, 3>>& view);
+
+    const std::vector<cv::Mat>& getDefectMaps() const { return defectMaps; }
+
+protected:
+    // Mean of the valid four-neighbours; true when all four counted, or three on the
+    // image border.
+    bool getReplacementValue_(const cv::Mat_<float>& image, int x, int y, float& value) const;
+
+private:
+    bool isValid(float value) const;
+
+    unsigned int historyLength;
+    float validMin;
+    float validMax;
+    bool dataIsNUC;
+    cv::Point_<int> neighbourOffsets[4];
+    std::vector<cv::Mat> defectMaps;
+};
+
+}  // namespace kelvo::vision
