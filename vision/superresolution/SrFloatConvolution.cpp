@@ -1,6 +1,7 @@
 #include "vision/superresolution/SrFloatConvolution.h"
 
 #include <algorithm>
+#include <type_traits>
 
 namespace kelvo::vision {
 
@@ -9,17 +10,56 @@ namespace {
 // The vertical sample step of both sparse operators, whatever the factor.
 constexpr int kVerticalStep = 2;
 
-// target[c] += k * source[c]
-void addScaled(float* target, const float* source, float k, int count) {
-    for (int c = 0; c < count; ++c) {
-        target[c] += k * source[c];
+// out[c] = 0 + taps[0] rows[0][c] + taps[1] rows[1][c] + ..., added in this order.
+// Count is the number of taps when known at compile time (0: taken from `count`),
+// which lets the compiler keep the sum in registers and vectorise along c.
+template <int Count>
+void sumScaledRows(const float* const* rows, const float* taps, int count, int length, float* out) {
+    const int n = Count > 0 ? Count : count;
+    const float* source[Count > 0 ? Count : 1];
+    float k[Count > 0 ? Count : 1];
+    for (int q = 0; Count > 0 && q < n; ++q) {
+        source[q] = rows[q];
+        k[q] = taps[q];
+    }
+    for (int c = 0; c < length; ++c) {
+        float sum = 0.0f;
+        for (int q = 0; q < n; ++q) {
+            sum += Count > 0 ? k[q] * source[q][c] : taps[q] * rows[q][c];
+        }
+        out[c] = sum;
     }
 }
 
-// target[c] += mask[c] * source[c] * k, the mask byte read as a signed number
-void addMaskedScaled(float* target, const float* source, const char* mask, float k, int count) {
-    for (int c = 0; c < count; ++c) {
-        target[c] += static_cast<float>(static_cast<signed char>(mask[c])) * source[c] * k;
+// Calls kernel(std::integral_constant<int, count>) for the tap counts of the
+// engine's PSFs, kernel(std::integral_constant<int, 0>) for any other.
+template <typename Kernel>
+void dispatchTapCount(int count, Kernel kernel) {
+    switch (count) {
+        case 1:
+            return kernel(std::integral_constant<int, 1>());
+        case 2:
+            return kernel(std::integral_constant<int, 2>());
+        case 3:
+            return kernel(std::integral_constant<int, 3>());
+        case 6:
+            return kernel(std::integral_constant<int, 6>());
+        default:
+            return kernel(std::integral_constant<int, 0>());
+    }
+}
+
+void sumScaledRows(const float* const* rows, const float* taps, int count, int length, float* out) {
+    dispatchTapCount(count, [&](auto fixed) {
+        sumScaledRows<decltype(fixed)::value>(rows, taps, count, length, out);
+    });
+}
+
+// out[c] = mask[c] * row[c], the mask byte read as a signed number.
+void maskRow(const float* row, const char* mask, int length, float* out) {
+    const signed char* valid = reinterpret_cast<const signed char*>(mask);
+    for (int c = 0; c < length; ++c) {
+        out[c] = static_cast<float>(valid[c]) * row[c];
     }
 }
 
@@ -45,21 +85,20 @@ template <int Step, bool Accumulate>
 void mergePhases(const float* phases, int length, int step, int rowLength, float* row) {
     const int s = Step > 0 ? Step : step;
     const int whole = rowLength / s;
+    auto put = [](float& target, float value) {
+        if (Accumulate) {
+            target += value;
+        } else {
+            target = value;
+        }
+    };
     for (int m = 0; m < whole; ++m) {
         for (int p = 0; p < s; ++p) {
-            if (Accumulate) {
-                row[s * m + p] += phases[p * length + m];
-            } else {
-                row[s * m + p] = phases[p * length + m];
-            }
+            put(row[s * m + p], phases[p * length + m]);
         }
     }
     for (int p = 0; whole * s + p < rowLength; ++p) {
-        if (Accumulate) {
-            row[whole * s + p] += phases[p * length + whole];
-        } else {
-            row[whole * s + p] = phases[p * length + whole];
-        }
+        put(row[whole * s + p], phases[p * length + whole]);
     }
 }
 
@@ -78,85 +117,160 @@ SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidt
       lrHeight(static_cast<int>(static_cast<float>(hrHeight) / factor)),
       step(static_cast<int>(factor)),
       phaseLength((fullWidth + step - 1) / step),
-      scratch(1, std::max(kernelHeight, 1) * lrWidth + step * phaseLength, CV_32F),
-      scratchData(scratch.ptr<float>()) {}
+      scratchSize(step * phaseLength + std::max(fullHeight * std::max(lrWidth, hrWidth), 1)),
+      scratch(1, scratchSize, CV_32F),
+      scratchData(scratch.ptr<float>()),
+      runRows(std::max(kernelWidth, kernelHeight)),
+      runTaps(std::max(kernelWidth, kernelHeight)) {}
 
 void SrFloatConvolution::fullConvFromSparse(float* const lowRes, float* const psfX,
                                             float* const psfY, char* mask, float* out) {
-    convolveFromSparse<false>(lowRes, psfX, psfY, mask, out);
+    convolveFromSparse<false>(1, &lowRes, &psfX, &psfY, &mask, out);
 }
 
-void SrFloatConvolution::accumulateFullConvFromSparse(float* const lowRes, float* const psfX,
-                                                      float* const psfY, char* mask, float* out) {
-    convolveFromSparse<true>(lowRes, psfX, psfY, mask, out);
+void SrFloatConvolution::accumulateFullConvFromSparse(int count, const float* const* lowRes,
+                                                      const float* const* psfX,
+                                                      const float* const* psfY,
+                                                      const char* const* masks, float* out) {
+    convolveFromSparse<true>(count, lowRes, psfX, psfY, masks, out);
 }
 
-// Row by row through the full image: the vertical taps landing on row t first
-// (column c of row t collects the frame rows r = (t - i) / 2 for taps i of the
-// parity of t, in ascending i), then the horizontal taps, split by output phase:
-// column x = p + F m collects taps j = p + F d from sparse column m - d, in
-// ascending d. Every element thus sees the tap order of the two passes taken
-// whole, while the rows being worked on stay in the first level cache.
+// Row by row through the full image, and within a row frame by frame: the vertical
+// taps landing on row t first (column c of row t collects the frame rows
+// r = (t - i) / 2 for the taps i of the parity of t, in ascending i), then the
+// horizontal taps phase by phase (convolvePhase). Every element thus sees the tap
+// order of the two passes taken whole and the frames in their order, while the rows
+// being worked on stay in the first level cache. The masked frame rows m .* y, each
+// needed by kernelHeight full rows, are formed once into a ring per frame.
 template <bool Accumulate>
-void SrFloatConvolution::convolveFromSparse(const float* lowRes, const float* psfX,
-                                            const float* psfY, const char* mask, float* out) {
-    float* vertical = scratchData;
-    float* phases = scratchData + lrWidth;
-    for (int t = 0; t < fullHeight; ++t) {
-        std::fill(vertical, vertical + lrWidth, 0.0f);
-        for (int i = t % kVerticalStep; i < kernelHeight && i <= t; i += kVerticalStep) {
-            const int r = (t - i) / kVerticalStep;
-            if (r < lrHeight) {
-                addMaskedScaled(vertical, lowRes + r * lrWidth, mask + r * lrWidth, psfY[i],
-                                lrWidth);
+void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRes,
+                                            const float* const* psfX, const float* const* psfY,
+                                            const char* const* masks, float* out) {
+    const int ringRows = (kernelHeight + 1) / kVerticalStep;
+    const int ringSize = ringRows * lrWidth;
+    const int ringsOffset = step * phaseLength + lrWidth;
+    float* phases = scratchData;
+    float* vertical = scratchData + step * phaseLength;
+    float* rings = scratchData + ringsOffset;
+    const int capacity = ringSize > 0 ? std::max((scratchSize - ringsOffset) / ringSize, 1) : count;
+    for (int first = 0; first < count; first += capacity) {
+        const int group = std::min(capacity, count - first);
+        int rowsMasked = 0;
+        for (int t = 0; t < fullHeight; ++t) {
+            const int rowsNeeded = std::min(t / kVerticalStep + 1, lrHeight);
+            for (; rowsMasked < rowsNeeded; ++rowsMasked) {
+                const int offset = rowsMasked * lrWidth;
+                for (int k = 0; k < group; ++k) {
+                    maskRow(lowRes[first + k] + offset, masks[first + k] + offset, lrWidth,
+                            rings + k * ringSize + (rowsMasked % ringRows) * lrWidth);
+                }
             }
-        }
-        for (int phase = 0; phase < step; ++phase) {
-            float* target = phases + phase * phaseLength;
-            const int length = (fullWidth - phase + step - 1) / step;
-            std::fill(target, target + length, 0.0f);
-            for (int d = 0; phase + step * d < kernelWidth; ++d) {
-                addScaled(target + d, vertical, psfX[phase + step * d],
-                          std::min(lrWidth, length - d));
+            float* row = out + t * fullWidth;
+            for (int k = 0; k < group; ++k) {
+                int taps = 0;
+                for (int i = t % kVerticalStep; i < kernelHeight && i <= t; i += kVerticalStep) {
+                    const int r = (t - i) / kVerticalStep;
+                    if (r < lrHeight) {
+                        runRows[taps] = rings + k * ringSize + (r % ringRows) * lrWidth;
+                        runTaps[taps] = psfY[first + k][i];
+                        ++taps;
+                    }
+                }
+                sumScaledRows(runRows.data(), runTaps.data(), taps, lrWidth, vertical);
+                for (int phase = 0; phase < step; ++phase) {
+                    convolvePhase(vertical, psfX[first + k], phase, phases + phase * phaseLength);
+                }
+                if (step == 2) {
+                    mergePhases<2, Accumulate>(phases, phaseLength, 2, fullWidth, row);
+                } else {
+                    mergePhases<0, Accumulate>(phases, phaseLength, step, fullWidth, row);
+                }
             }
-        }
-        float* row = out + t * fullWidth;
-        if (step == 2) {
-            mergePhases<2, Accumulate>(phases, phaseLength, 2, fullWidth, row);
-        } else {
-            mergePhases<0, Accumulate>(phases, phaseLength, step, fullWidth, row);
         }
     }
 }
 
-// Row by row: each row of the horizontal pass is computed once, into a ring of
-// kernelHeight rows, just before the first frame row that needs it; a frame row
-// then sums its kernelHeight rows of the ring tap by tap.
+// out[m] = 0 + sum over d of psfX[phase + F d] * sparseRow[m - d], in ascending d,
+// over the d whose sparse column m - d exists: the full-row columns phase + F m.
+// Columns near either end, where some taps fall outside the sparse row, are summed
+// one by one; the others go through the vectorised kernel.
+void SrFloatConvolution::convolvePhase(const float* sparseRow, const float* psfX, int phase,
+                                       float* out) {
+    const int length = (fullWidth - phase + step - 1) / step;
+    const int taps = phase < kernelWidth ? (kernelWidth - phase + step - 1) / step : 0;
+    for (int d = 0; d < taps; ++d) {
+        runTaps[d] = psfX[phase + step * d];
+    }
+    const int begin = std::min(std::max(taps - 1, 0), length);
+    const int end = std::max(std::min(lrWidth, length), begin);
+    for (int d = 0; d < taps; ++d) {
+        runRows[d] = sparseRow + begin - d;
+    }
+    sumScaledRows(runRows.data(), runTaps.data(), taps, end - begin, out + begin);
+    auto edge = [&](int m) {
+        float sum = 0.0f;
+        for (int d = std::max(0, m - lrWidth + 1); d <= std::min(taps - 1, m); ++d) {
+            sum += runTaps[d] * sparseRow[m - d];
+        }
+        out[m] = sum;
+    };
+    for (int m = 0; m < begin; ++m) {
+        edge(m);
+    }
+    for (int m = end; m < length; ++m) {
+        edge(m);
+    }
+}
+
 void SrFloatConvolution::validCorrToSparse(float* const full, float* const psfX, float* const psfY,
                                            float* lowResOut) {
-    float* ring = scratchData;
-    float* phases = scratchData + kernelHeight * lrWidth;
-    int rowsDone = 0;
-    for (int r = 0; r < lrHeight; ++r) {
-        const int rowsNeeded = std::min(kVerticalStep * r + kernelHeight, fullHeight);
-        for (; rowsDone < rowsNeeded; ++rowsDone) {
-            const float* source = full + rowsDone * fullWidth;
-            if (step == 2) {
-                splitPhases<2>(source, fullWidth, 2, phaseLength, phases);
-            } else {
-                splitPhases<0>(source, fullWidth, step, phaseLength, phases);
+    validCorrToSparse(1, full, &psfX, &psfY, &lowResOut);
+}
+
+// Row by row: each row of the horizontal pass is computed once, into a ring of
+// kernelHeight rows per frame, just before the first frame row that needs it; a
+// frame row then sums its kernelHeight rows of the ring. The full row is split
+// into its phases once for all frames.
+void SrFloatConvolution::validCorrToSparse(int count, const float* full, const float* const* psfX,
+                                           const float* const* psfY, float* const* lowResOut) {
+    const int ringSize = kernelHeight * lrWidth;
+    if (ringSize == 0) {
+        return;
+    }
+    float* phases = scratchData;
+    float* rings = scratchData + step * phaseLength;
+    const int capacity = std::max((scratchSize - step * phaseLength) / ringSize, 1);
+    for (int first = 0; first < count; first += capacity) {
+        const int group = std::min(capacity, count - first);
+        int rowsDone = 0;
+        for (int r = 0; r < lrHeight; ++r) {
+            const int rowsNeeded = std::min(kVerticalStep * r + kernelHeight, fullHeight);
+            for (; rowsDone < rowsNeeded; ++rowsDone) {
+                const float* source = full + rowsDone * fullWidth;
+                if (step == 2) {
+                    splitPhases<2>(source, fullWidth, 2, phaseLength, phases);
+                } else if (step > 2) {
+                    splitPhases<0>(source, fullWidth, step, phaseLength, phases);
+                }
+                for (int j = 0; j < kernelWidth; ++j) {
+                    runRows[j] =
+                        step == 1 ? source + j : phases + (j % step) * phaseLength + j / step;
+                }
+                const int slot = rowsDone % kernelHeight;
+                for (int k = 0; k < group; ++k) {
+                    sumScaledRows(runRows.data(), psfX[first + k], kernelWidth, lrWidth,
+                                  rings + k * ringSize + slot * lrWidth);
+                }
             }
-            float* target = ring + (rowsDone % kernelHeight) * lrWidth;
-            std::fill(target, target + lrWidth, 0.0f);
-            for (int j = 0; j < kernelWidth; ++j) {
-                addScaled(target, phases + (j % step) * phaseLength + j / step, psfX[j], lrWidth);
+            const int taps = std::max(std::min(kernelHeight, fullHeight - kVerticalStep * r), 0);
+            for (int k = 0; k < group; ++k) {
+                for (int i = 0; i < taps; ++i) {
+                    runRows[i] =
+                        rings + k * ringSize + ((kVerticalStep * r + i) % kernelHeight) * lrWidth;
+                }
+                sumScaledRows(runRows.data(), psfY[first + k], taps, lrWidth,
+                              lowResOut[first + k] + r * lrWidth);
             }
-        }
-        float* target = lowResOut + r * lrWidth;
-        std::fill(target, target + lrWidth, 0.0f);
-        for (int i = 0; i < kernelHeight && kVerticalStep * r + i < fullHeight; ++i) {
-            addScaled(target, ring + ((kVerticalStep * r + i) % kernelHeight) * lrWidth, psfY[i],
-                      lrWidth);
         }
     }
 }

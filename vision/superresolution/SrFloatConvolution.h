@@ -1,6 +1,7 @@
 #pragma once
 
 #include <opencv2/core.hpp>
+#include <vector>
 
 namespace kelvo::vision {
 
@@ -24,10 +25,16 @@ public:
                             float* out);
     void validCorrToSparse(float* const full, float* const psfX, float* const psfY,
                            float* lowResOut);
-    // out += H^T (m .* y): the same sums as fullConvFromSparse, each added to the
-    // element of out already there.
-    void accumulateFullConvFromSparse(float* const lowRes, float* const psfX, float* const psfY,
-                                      char* mask, float* out);
+    // The operators of `count` frames in one sweep over the full image, frame k with
+    // lowRes[k], psfX[k], psfY[k] and masks[k]; every output element gets exactly the
+    // sums of the one-frame operators:
+    //   lowResOut[k] = H_k full
+    //   out         += H_0^T (m_0 .* y_0), then += H_1^T (m_1 .* y_1), ...
+    void validCorrToSparse(int count, const float* full, const float* const* psfX,
+                           const float* const* psfY, float* const* lowResOut);
+    void accumulateFullConvFromSparse(int count, const float* const* lowRes,
+                                      const float* const* psfX, const float* const* psfY,
+                                      const char* const* masks, float* out);
 
     // Box filter of side 2 radius + 1 whose window is clipped at the image border:
     // every output pixel is the mean of the input pixels inside both.
@@ -42,8 +49,9 @@ public:
 
 private:
     template <bool Accumulate>
-    void convolveFromSparse(const float* lowRes, const float* psfX, const float* psfY,
-                            const char* mask, float* out);
+    void convolveFromSparse(int count, const float* const* lowRes, const float* const* psfX,
+                            const float* const* psfY, const char* const* masks, float* out);
+    void convolvePhase(const float* sparseRow, const float* psfX, int phase, float* out);
 
     int hrWidth;
     int hrHeight;
@@ -58,10 +66,15 @@ private:
     int step;
     // Length of one phase row: the columns p, p + F, p + 2F, ... of a full row.
     int phaseLength;
-    // The rows the operators work on: a ring of kernelHeight rows of w floats (or
-    // one such row) followed by the F phase rows.
+    // The rows the operators work on: the F phase rows, then a ring of kernelHeight
+    // rows of w floats per frame (correlation), or one such row and a ring of
+    // (kernelHeight + 1) / 2 per frame (convolution).
+    int scratchSize;
     cv::Mat scratch;
     float* scratchData;
+    // The rows and taps of one run of taps, gathered for the row kernels.
+    std::vector<const float*> runRows;
+    std::vector<float> runTaps;
 };
 
 }  // namespace kelvo::vision

@@ -68,7 +68,7 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
       convolution(std::make_unique<SrFloatConvolution>(
           static_cast<int>(static_cast<float>(lrWidth) * factor),
           static_cast<int>(static_cast<float>(lrHeight) * factor), psfSize, psfSize, factor)),
-      lowResScratch(static_cast<size_t>(lrWidth) * lrHeight),
+      lowResScratch(maxFrames, std::vector<float>(static_cast<size_t>(lrWidth) * lrHeight)),
       rhs(fullSize),
       estimate(fullSize),
       weightRight(fullSize),
@@ -79,6 +79,11 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
       residual(fullSize),
       direction(fullSize),
       operatorDirection(fullSize) {
+    for (int k = 0; k < maxFrames; ++k) {
+        psfXTable.push_back(psfX[k].data());
+        psfYTable.push_back(psfY[k].data());
+        lowResTable.push_back(lowResScratch[k].data());
+    }
     setPsfSigma(0.683f);
     setWeightTV(400.0f);
     setEpsilon(0.1f);
@@ -139,10 +144,8 @@ int SrFloatMinimization::minimize(int numFrames, int refIndex, float** const fra
 
     generatePsfs(numFrames, shifts);
     std::fill(rhs.begin(), rhs.end(), 0.0f);
-    for (int k = 0; k < numFrames; ++k) {
-        convolution->accumulateFullConvFromSparse(frames[k], psfX[k].data(), psfY[k].data(),
-                                                  masks[k], rhs.data());
-    }
+    convolution->accumulateFullConvFromSparse(numFrames, frames, psfXTable.data(), psfYTable.data(),
+                                              masks, rhs.data());
     const float* b = rhs.data();
     invRhsNorm2 = static_cast<float>(
         1.0 / sumInLanes(fullSize, [&](int i) { return static_cast<double>(b[i] * b[i]); }));
@@ -325,12 +328,11 @@ float SrFloatMinimization::neighbourWeightSum(int i) const {
 
 // out = L in + sum_k H_k^T M_k H_k in
 void SrFloatMinimization::gradient(float* const in, int numFrames, char** masks, float* out) {
+    convolution->validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
+                                   lowResTable.data());
     applyStencil(in, out);
-    for (int k = 0; k < numFrames; ++k) {
-        convolution->validCorrToSparse(in, psfX[k].data(), psfY[k].data(), lowResScratch.data());
-        convolution->accumulateFullConvFromSparse(lowResScratch.data(), psfX[k].data(),
-                                                  psfY[k].data(), masks[k], out);
-    }
+    convolution->accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
+                                              psfYTable.data(), masks, out);
 }
 
 // out = L in, the 9-point stencil of the weights. Pixels of the first and the last

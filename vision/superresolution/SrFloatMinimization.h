@@ -68,9 +68,13 @@ private:
     std::vector<float> basePsf;
     std::vector<std::vector<float>> psfX;
     std::vector<std::vector<float>> psfY;
+    // The tables of the per-frame buffers, as the convolution takes them.
+    std::vector<const float*> psfXTable;
+    std::vector<const float*> psfYTable;
     std::unique_ptr<SrFloatConvolution> convolution;
-    std::vector<float> lowResScratch;
-    std::vector<float> convScratch;
+    // H_k x of every frame within one operator application.
+    std::vector<std::vector<float>> lowResScratch;
+    std::vector<float*> lowResTable;
     std::vector<float> rhs;
     std::vector<float> estimate;
     std::vector<float> weightRight;

@@ -94,8 +94,12 @@ TEST(SrFloatConvolution, OperatorsMatchPlainLoopsBitForBit) {
         for (size_t i = 0; i < expected.size(); ++i) {
             expected[i] = p.full[i] + expected[i];
         }
-        convolution.accumulateFullConvFromSparse(p.lowRes.data(), p.psfX.data(), p.psfY.data(),
-                                                 p.mask.data(), accumulated.data());
+        const float* lowRes = p.lowRes.data();
+        const float* psfX = p.psfX.data();
+        const float* psfY = p.psfY.data();
+        const char* mask = p.mask.data();
+        convolution.accumulateFullConvFromSparse(1, &lowRes, &psfX, &psfY, &mask,
+                                                 accumulated.data());
         EXPECT_EQ(std::memcmp(expected.data(), accumulated.data(), fullBytes), 0);
 
         std::vector<float> expectedLow(p.lowRes.size());
