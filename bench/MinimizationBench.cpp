@@ -129,7 +129,8 @@ void BM_AccumulateFullConvFromSparse(benchmark::State& state) {
         const float* psfX = scene.psfX.data();
         const float* psfY = scene.psfY.data();
         const char* mask = scene.masks[0].data();
-        convolution.accumulateFullConvFromSparse(1, &lowRes, &psfX, &psfY, &mask, out.data());
+        convolution.accumulateFullConvFromSparse(1, &lowRes, &psfX, &psfY, &mask, out.data(), 0,
+                                                 convolution.getFullHeight());
         benchmark::DoNotOptimize(out.data());
     }
 }

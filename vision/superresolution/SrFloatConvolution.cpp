@@ -125,14 +125,15 @@ SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidt
 
 void SrFloatConvolution::fullConvFromSparse(float* const lowRes, float* const psfX,
                                             float* const psfY, char* mask, float* out) {
-    convolveFromSparse<false>(1, &lowRes, &psfX, &psfY, &mask, out);
+    convolveFromSparse<false>(1, &lowRes, &psfX, &psfY, &mask, out, 0, fullHeight);
 }
 
 void SrFloatConvolution::accumulateFullConvFromSparse(int count, const float* const* lowRes,
                                                       const float* const* psfX,
                                                       const float* const* psfY,
-                                                      const char* const* masks, float* out) {
-    convolveFromSparse<true>(count, lowRes, psfX, psfY, masks, out);
+                                                      const char* const* masks, float* out,
+                                                      int firstRow, int endRow) {
+    convolveFromSparse<true>(count, lowRes, psfX, psfY, masks, out, firstRow, endRow);
 }
 
 // Row by row through the full image, and within a row frame by frame: the vertical
@@ -145,7 +146,8 @@ void SrFloatConvolution::accumulateFullConvFromSparse(int count, const float* co
 template <bool Accumulate>
 void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRes,
                                             const float* const* psfX, const float* const* psfY,
-                                            const char* const* masks, float* out) {
+                                            const char* const* masks, float* out, int firstRow,
+                                            int endRow) {
     const int ringRows = (kernelHeight + 1) / kVerticalStep;
     const int ringSize = ringRows * lrWidth;
     const int ringsOffset = step * phaseLength + lrWidth;
@@ -155,8 +157,9 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
     const int capacity = ringSize > 0 ? std::max((scratchSize - ringsOffset) / ringSize, 1) : count;
     for (int first = 0; first < count; first += capacity) {
         const int group = std::min(capacity, count - first);
-        int rowsMasked = 0;
-        for (int t = 0; t < fullHeight; ++t) {
+        // The ring ends with the frame row t / 2 at full row t.
+        int rowsMasked = std::max(firstRow / kVerticalStep - ringRows + 1, 0);
+        for (int t = firstRow; t < endRow; ++t) {
             const int rowsNeeded = std::min(t / kVerticalStep + 1, lrHeight);
             for (; rowsMasked < rowsNeeded; ++rowsMasked) {
                 const int offset = rowsMasked * lrWidth;
@@ -224,7 +227,7 @@ void SrFloatConvolution::convolvePhase(const float* sparseRow, const float* psfX
 
 void SrFloatConvolution::validCorrToSparse(float* const full, float* const psfX, float* const psfY,
                                            float* lowResOut) {
-    validCorrToSparse(1, full, &psfX, &psfY, &lowResOut);
+    validCorrToSparse(1, full, &psfX, &psfY, &lowResOut, 0, lrHeight);
 }
 
 // Row by row: each row of the horizontal pass is computed once, into a ring of
@@ -232,7 +235,8 @@ void SrFloatConvolution::validCorrToSparse(float* const full, float* const psfX,
 // frame row then sums its kernelHeight rows of the ring. The full row is split
 // into its phases once for all frames.
 void SrFloatConvolution::validCorrToSparse(int count, const float* full, const float* const* psfX,
-                                           const float* const* psfY, float* const* lowResOut) {
+                                           const float* const* psfY, float* const* lowResOut,
+                                           int firstRow, int endRow) {
     const int ringSize = kernelHeight * lrWidth;
     if (ringSize == 0) {
         return;
@@ -242,8 +246,8 @@ void SrFloatConvolution::validCorrToSparse(int count, const float* full, const f
     const int capacity = std::max((scratchSize - step * phaseLength) / ringSize, 1);
     for (int first = 0; first < count; first += capacity) {
         const int group = std::min(capacity, count - first);
-        int rowsDone = 0;
-        for (int r = 0; r < lrHeight; ++r) {
+        int rowsDone = kVerticalStep * firstRow;
+        for (int r = firstRow; r < endRow; ++r) {
             const int rowsNeeded = std::min(kVerticalStep * r + kernelHeight, fullHeight);
             for (; rowsDone < rowsNeeded; ++rowsDone) {
                 const float* source = full + rowsDone * fullWidth;

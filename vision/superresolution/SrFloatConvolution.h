@@ -26,15 +26,19 @@ public:
     void validCorrToSparse(float* const full, float* const psfX, float* const psfY,
                            float* lowResOut);
     // The operators of `count` frames in one sweep over the full image, frame k with
-    // lowRes[k], psfX[k], psfY[k] and masks[k]; every output element gets exactly the
-    // sums of the one-frame operators:
-    //   lowResOut[k] = H_k full
-    //   out         += H_0^T (m_0 .* y_0), then += H_1^T (m_1 .* y_1), ...
+    // lowRes[k], psfX[k], psfY[k] and masks[k], restricted to a band of rows; every
+    // element gets exactly the sums of the one-frame operators:
+    //   rows [firstRow, endRow) of lowResOut[k] = H_k full
+    //   rows [firstRow, endRow) of out += H_0^T (m_0 .* y_0), += H_1^T (m_1 .* y_1), ...
+    // A band reads the rows of full, or of the frames, that its sums need, and
+    // nothing is carried from one call to the next.
     void validCorrToSparse(int count, const float* full, const float* const* psfX,
-                           const float* const* psfY, float* const* lowResOut);
+                           const float* const* psfY, float* const* lowResOut, int firstRow,
+                           int endRow);
     void accumulateFullConvFromSparse(int count, const float* const* lowRes,
                                       const float* const* psfX, const float* const* psfY,
-                                      const char* const* masks, float* out);
+                                      const char* const* masks, float* out, int firstRow,
+                                      int endRow);
 
     // Box filter of side 2 radius + 1 whose window is clipped at the image border:
     // every output pixel is the mean of the input pixels inside both.
@@ -50,7 +54,8 @@ public:
 private:
     template <bool Accumulate>
     void convolveFromSparse(int count, const float* const* lowRes, const float* const* psfX,
-                            const float* const* psfY, const char* const* masks, float* out);
+                            const float* const* psfY, const char* const* masks, float* out,
+                            int firstRow, int endRow);
     void convolvePhase(const float* sparseRow, const float* psfX, int phase, float* out);
 
     int hrWidth;

@@ -11,32 +11,73 @@ constexpr float kFourOverPi = 1.2732395f;
 constexpr float kErfA = 0.1400123f;
 
 // Sums in double are split over this many lanes (term i goes to lane i mod kSumLanes,
-// the lanes are added in order at the end), so that the compiler can vectorise them.
+// the lanes are added in order at the end), so that the compiler can vectorise them
+// and a sum can be gathered piece by piece with the same result.
 constexpr int kSumLanes = 8;
+
+// Full-image rows per band of an operator application: the band of the result stays
+// in the second level cache from the stencil to the last frame's contribution.
+constexpr int kBandRows = 32;
+
+class LaneSum {
+public:
+    // Adds term(i) for i in [begin, end).
+    template <typename Term>
+    void add(int begin, int end, Term term) {
+        double sums[kSumLanes];
+        std::copy(lanes, lanes + kSumLanes, sums);
+        int i = begin;
+        for (; i < end && i % kSumLanes != 0; ++i) {
+            sums[i % kSumLanes] += term(i);
+        }
+        for (; i + kSumLanes <= end; i += kSumLanes) {
+            for (int lane = 0; lane < kSumLanes; ++lane) {
+                sums[lane] += term(i + lane);
+            }
+        }
+        for (; i < end; ++i) {
+            sums[i % kSumLanes] += term(i);
+        }
+        std::copy(sums, sums + kSumLanes, lanes);
+    }
+
+    double total() const {
+        double sum = 0.0;
+        for (double lane : lanes) {
+            sum += lane;
+        }
+        return sum;
+    }
+
+private:
+    double lanes[kSumLanes] = {};
+};
 
 template <typename Term>
 double sumInLanes(int count, Term term) {
-    double lanes[kSumLanes] = {};
-    int i = 0;
-    for (; i + kSumLanes <= count; i += kSumLanes) {
-        for (int lane = 0; lane < kSumLanes; ++lane) {
-            lanes[lane] += term(i + lane);
-        }
-    }
-    for (int lane = 0; i + lane < count; ++lane) {
-        lanes[lane] += term(i + lane);
-    }
-    double sum = 0.0;
-    for (double lane : lanes) {
-        sum += lane;
-    }
-    return sum;
+    LaneSum sum;
+    sum.add(0, count, term);
+    return sum.total();
 }
 
 // Gradient magnitudes are clamped to [epsilon, 1 / epsilon] before they weight the
 // TV term.
 inline float clampMagnitude(float d, float epsilon, float invEpsilon) {
     return d <= epsilon ? epsilon : (d >= invEpsilon ? invEpsilon : d);
+}
+
+// out[i] = (L in)[i] for the pixels i in [begin, end) whose eight neighbours all lie
+// inside the image (W the row length), the terms added in the order of the general
+// formula. `out` must not overlap the other arrays.
+void stencilInterior(const float* in, const float* centre, const float* right, const float* down,
+                     const float* downLeft, const float* downRight, int w, int begin, int end,
+                     float* __restrict out) {
+    for (int i = begin; i < end; ++i) {
+        out[i] = centre[i] * in[i] + right[i] * in[i + 1] + right[i - 1] * in[i - 1] +
+                 down[i] * in[i + w] + down[i - w] * in[i - w] + downRight[i] * in[i + w + 1] +
+                 downRight[i - w - 1] * in[i - w - 1] + downLeft[i] * in[i + w - 1] +
+                 downLeft[i - w + 1] * in[i - w + 1];
+    }
 }
 
 }  // namespace
@@ -145,7 +186,7 @@ int SrFloatMinimization::minimize(int numFrames, int refIndex, float** const fra
     generatePsfs(numFrames, shifts);
     std::fill(rhs.begin(), rhs.end(), 0.0f);
     convolution->accumulateFullConvFromSparse(numFrames, frames, psfXTable.data(), psfYTable.data(),
-                                              masks, rhs.data());
+                                              masks, rhs.data(), 0, fullHeight);
     const float* b = rhs.data();
     invRhsNorm2 = static_cast<float>(
         1.0 / sumInLanes(fullSize, [&](int i) { return static_cast<double>(b[i] * b[i]); }));
@@ -201,15 +242,18 @@ void SrFloatMinimization::generatePsfs(int numFrames, cv::Point_<float>* const s
 
 int SrFloatMinimization::conjugateGradients(int numFrames, char** masks, int maxIter) {
     computeL();
-    gradient(estimate.data(), numFrames, masks, residual.data());
     float* r = residual.data();
     float* p = direction.data();
     const float* b = rhs.data();
-    residualNorm2 = static_cast<float>(sumInLanes(fullSize, [&](int i) {
-        r[i] = b[i] - r[i];
-        p[i] = r[i];
-        return static_cast<double>(r[i] * r[i]);
-    }));
+    LaneSum norm;
+    gradient(estimate.data(), numFrames, masks, r, [&](int begin, int end) {
+        norm.add(begin, end, [&](int i) {
+            r[i] = b[i] - r[i];
+            p[i] = r[i];
+            return static_cast<double>(r[i] * r[i]);
+        });
+    });
+    residualNorm2 = static_cast<float>(norm.total());
     if (relRes * relRes > residualNorm2 * invRhsNorm2) {
         return 0;
     }
@@ -226,10 +270,11 @@ bool SrFloatMinimization::iteration(int /*index*/, int numFrames, char** masks) 
     float* r = residual.data();
     float* p = direction.data();
     float* ap = operatorDirection.data();
-    gradient(p, numFrames, masks, ap);
-    const double pAp =
-        sumInLanes(fullSize, [&](int i) { return static_cast<double>(p[i] * ap[i]); });
-    const float alpha = static_cast<float>(residualNorm2 / pAp);
+    LaneSum pAp;
+    gradient(p, numFrames, masks, ap, [&](int begin, int end) {
+        pAp.add(begin, end, [&](int i) { return static_cast<double>(p[i] * ap[i]); });
+    });
+    const float alpha = static_cast<float>(residualNorm2 / pAp.total());
     const double newNorm2 = sumInLanes(fullSize, [&](int i) {
         x[i] += alpha * p[i];
         r[i] -= alpha * ap[i];
@@ -326,37 +371,40 @@ float SrFloatMinimization::neighbourWeightSum(int i) const {
     return sum + weightDownLeft[i];
 }
 
-// out = L in + sum_k H_k^T M_k H_k in
-void SrFloatMinimization::gradient(float* const in, int numFrames, char** masks, float* out) {
-    convolution->validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
-                                   lowResTable.data());
-    applyStencil(in, out);
-    convolution->accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
-                                              psfYTable.data(), masks, out);
+// out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows; once the
+// rows of a band are final, finishRows(begin, end) gets their index range.
+template <typename FinishRows>
+void SrFloatMinimization::gradient(const float* in, int numFrames, char** masks, float* out,
+                                   FinishRows finishRows) {
+    int lowResDone = 0;
+    for (int first = 0; first < fullHeight; first += kBandRows) {
+        const int end = std::min(first + kBandRows, fullHeight);
+        // The frame rows whose samples reach the band: r <= (end - 1) / 2.
+        const int lowResNeeded = std::min((end - 1) / 2 + 1, lrHeight);
+        convolution->validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
+                                       lowResTable.data(), lowResDone, lowResNeeded);
+        lowResDone = std::max(lowResDone, lowResNeeded);
+        applyStencil(in, first * fullWidth, end * fullWidth, out);
+        convolution->accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
+                                                  psfYTable.data(), masks, out, first, end);
+        finishRows(first * fullWidth, end * fullWidth);
+    }
 }
 
-// out = L in, the 9-point stencil of the weights. Pixels of the first and the last
-// row (and one more at either end) have neighbours outside the image and take the
+// out[i] = (L in)[i] for i in [begin, end). Pixels of the first and the last row
+// (and one more at either end) have neighbours outside the image and take the
 // general path; all others run through the branch-free loop.
-void SrFloatMinimization::applyStencil(const float* in, float* out) const {
+void SrFloatMinimization::applyStencil(const float* in, int begin, int end, float* out) const {
     const int w = fullWidth;
-    const float* centre = weightCentre.data();
-    const float* right = weightRight.data();
-    const float* down = weightDown.data();
-    const float* downLeft = weightDownLeft.data();
-    const float* downRight = weightDownRight.data();
-    const int interiorBegin = std::min(w + 1, fullSize);
-    const int interiorEnd = std::max(fullSize - w - 1, interiorBegin);
-    for (int i = 0; i < interiorBegin; ++i) {
+    const int interiorBegin = std::clamp(w + 1, begin, end);
+    const int interiorEnd = std::clamp(fullSize - w - 1, interiorBegin, end);
+    for (int i = begin; i < interiorBegin; ++i) {
         out[i] = stencilAt(in, i);
     }
-    for (int i = interiorBegin; i < interiorEnd; ++i) {
-        out[i] = centre[i] * in[i] + right[i] * in[i + 1] + right[i - 1] * in[i - 1] +
-                 down[i] * in[i + w] + down[i - w] * in[i - w] + downRight[i] * in[i + w + 1] +
-                 downRight[i - w - 1] * in[i - w - 1] + downLeft[i] * in[i + w - 1] +
-                 downLeft[i - w + 1] * in[i - w + 1];
-    }
-    for (int i = interiorEnd; i < fullSize; ++i) {
+    stencilInterior(in, weightCentre.data(), weightRight.data(), weightDown.data(),
+                    weightDownLeft.data(), weightDownRight.data(), w, interiorBegin, interiorEnd,
+                    out);
+    for (int i = interiorEnd; i < end; ++i) {
         out[i] = stencilAt(in, i);
     }
 }

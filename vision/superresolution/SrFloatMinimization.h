@@ -47,9 +47,10 @@ private:
     void generatePsfs(int numFrames, cv::Point_<float>* const shifts);
     int conjugateGradients(int numFrames, char** masks, int maxIter);
     void computeL();
-    void gradient(float* const in, int numFrames, char** masks, float* out);
+    template <typename FinishRows>
+    void gradient(const float* in, int numFrames, char** masks, float* out, FinishRows finishRows);
     bool iteration(int index, int numFrames, char** masks);
-    void applyStencil(const float* in, float* out) const;
+    void applyStencil(const float* in, int begin, int end, float* out) const;
     float stencilAt(const float* in, int i) const;
     float neighbourWeightSum(int i) const;
 

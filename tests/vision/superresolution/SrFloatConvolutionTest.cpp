@@ -89,19 +89,6 @@ TEST(SrFloatConvolution, OperatorsMatchPlainLoopsBitForBit) {
                                        actual.data());
         EXPECT_EQ(std::memcmp(expected.data(), actual.data(), fullBytes), 0);
 
-        // Accumulation adds each finished sum to what the buffer held.
-        std::vector<float> accumulated = p.full;
-        for (size_t i = 0; i < expected.size(); ++i) {
-            expected[i] = p.full[i] + expected[i];
-        }
-        const float* lowRes = p.lowRes.data();
-        const float* psfX = p.psfX.data();
-        const float* psfY = p.psfY.data();
-        const char* mask = p.mask.data();
-        convolution.accumulateFullConvFromSparse(1, &lowRes, &psfX, &psfY, &mask,
-                                                 accumulated.data());
-        EXPECT_EQ(std::memcmp(expected.data(), accumulated.data(), fullBytes), 0);
-
         std::vector<float> expectedLow(p.lowRes.size());
         std::vector<float> actualLow(p.lowRes.size(), 7.0f);
         plain::validCorrToSparse(g, p.full.data(), p.psfX.data(), p.psfY.data(),
@@ -109,6 +96,76 @@ TEST(SrFloatConvolution, OperatorsMatchPlainLoopsBitForBit) {
         convolution.validCorrToSparse(p.full.data(), p.psfX.data(), p.psfY.data(),
                                       actualLow.data());
         EXPECT_EQ(std::memcmp(expectedLow.data(), actualLow.data(), lowResBytes), 0);
+    }
+}
+
+// Several frames in one sweep, band by band: each element gets the one-frame sums,
+// the frames added in their order to what the buffer held.
+TEST(SrFloatConvolution, SeveralFramesInBandsMatchOneFrameAtATime) {
+    struct Case {
+        int lrWidth;
+        int lrHeight;
+        float factor;
+        int taps;
+    };
+    const Case cases[] = {{24, 20, 2.0f, 6}, {13, 9, 2.0f, 6}, {10, 7, 3.0f, 9}, {9, 5, 2.0f, 3}};
+    const int frames = 4;
+    unsigned seed = 40;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << c.lrWidth << "x" << c.lrHeight << " factor " << c.factor);
+        std::vector<Problem> problems;
+        for (int k = 0; k < frames; ++k) {
+            problems.push_back(
+                randomProblem(c.lrWidth, c.lrHeight, c.factor, c.taps, true, ++seed));
+        }
+        const plain::SparseGeometry& g = problems[0].geometry;
+        const std::vector<float>& full = problems[0].full;
+        std::vector<const float*> lowRes;
+        std::vector<const float*> psfX;
+        std::vector<const float*> psfY;
+        std::vector<const char*> masks;
+        std::vector<std::vector<float>> lowResOut(frames,
+                                                  std::vector<float>(problems[0].lowRes.size()));
+        std::vector<float*> lowResTable;
+        for (int k = 0; k < frames; ++k) {
+            lowRes.push_back(problems[k].lowRes.data());
+            psfX.push_back(problems[k].psfX.data());
+            psfY.push_back(problems[k].psfY.data());
+            masks.push_back(problems[k].mask.data());
+            lowResTable.push_back(lowResOut[k].data());
+        }
+        SrFloatConvolution convolution(g.hrWidth, g.hrHeight, g.kernelWidth, g.kernelHeight,
+                                       g.factor);
+        const int h = g.lrHeight();
+        const int bands[] = {0, 1, h / 2, h / 2, h};
+        for (int b = 0; b + 1 < 5; ++b) {
+            convolution.validCorrToSparse(frames, full.data(), psfX.data(), psfY.data(),
+                                          lowResTable.data(), bands[b], bands[b + 1]);
+        }
+        std::vector<float> accumulated = problems[1].full;
+        std::vector<float> expected = accumulated;
+        const int fullHeight = g.fullHeight();
+        const int fullBands[] = {0, 3, 4, fullHeight / 2 + 1, fullHeight};
+        for (int b = 0; b + 1 < 5; ++b) {
+            convolution.accumulateFullConvFromSparse(frames, lowRes.data(), psfX.data(),
+                                                     psfY.data(), masks.data(), accumulated.data(),
+                                                     fullBands[b], fullBands[b + 1]);
+        }
+        std::vector<float> single(expected.size());
+        std::vector<float> singleLow(lowResOut[0].size());
+        for (int k = 0; k < frames; ++k) {
+            plain::validCorrToSparse(g, full.data(), psfX[k], psfY[k], singleLow.data());
+            EXPECT_EQ(std::memcmp(singleLow.data(), lowResOut[k].data(),
+                                  singleLow.size() * sizeof(float)),
+                      0);
+            plain::fullConvFromSparse(g, lowRes[k], psfX[k], psfY[k], masks[k], single.data());
+            for (size_t i = 0; i < expected.size(); ++i) {
+                expected[i] += single[i];
+            }
+        }
+        EXPECT_EQ(std::memcmp(expected.data(), accumulated.data(), expected.size() * sizeof(float)),
+                  0);
     }
 }
 
