@@ -69,11 +69,14 @@ inline float clampMagnitude(float d, float epsilon, float invEpsilon) {
 // out[i] = (L in)[i] for the pixels i in [begin, end) whose eight neighbours all lie
 // inside the image (W the row length), the terms added in the order of the general
 // formula. `out` must not overlap the other arrays.
-void stencilInterior(const float* in, const float* centre, const float* right, const float* down,
+void stencilInterior(const float* in, const float* right, const float* down,
                      const float* downLeft, const float* downRight, int w, int begin, int end,
                      float* __restrict out) {
     for (int i = begin; i < end; ++i) {
-        out[i] = centre[i] * in[i] + right[i] * in[i + 1] + right[i - 1] * in[i - 1] +
+        const float centre = -(right[i - 1] + right[i] + down[i - w] + down[i] +
+                               downRight[i - w - 1] + downRight[i] + downLeft[i - w + 1] +
+                               downLeft[i]);
+        out[i] = centre * in[i] + right[i] * in[i + 1] + right[i - 1] * in[i - 1] +
                  down[i] * in[i + w] + down[i - w] * in[i - w] + downRight[i] * in[i + w + 1] +
                  downRight[i - w - 1] * in[i - w - 1] + downLeft[i] * in[i + w - 1] +
                  downLeft[i - w + 1] * in[i - w + 1];
@@ -116,7 +119,6 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
       weightDown(fullSize),
       weightDownLeft(fullSize),
       weightDownRight(fullSize),
-      weightCentre(fullSize),
       residual(fullSize),
       direction(fullSize),
       operatorDirection(fullSize) {
@@ -243,16 +245,16 @@ void SrFloatMinimization::generatePsfs(int numFrames, cv::Point_<float>* const s
 int SrFloatMinimization::conjugateGradients(int numFrames, char** masks, int maxIter) {
     computeL();
     float* r = residual.data();
-    float* p = direction.data();
     const float* b = rhs.data();
     LaneSum norm;
-    gradient(estimate.data(), numFrames, masks, r, [&](int begin, int end) {
-        norm.add(begin, end, [&](int i) {
-            r[i] = b[i] - r[i];
-            p[i] = r[i];
-            return static_cast<double>(r[i] * r[i]);
+    gradient(
+        estimate.data(), numFrames, masks, r, [](int, int) {},
+        [&](int begin, int end) {
+            norm.add(begin, end, [&](int i) {
+                r[i] = b[i] - r[i];
+                return static_cast<double>(r[i] * r[i]);
+            });
         });
-    });
     residualNorm2 = static_cast<float>(norm.total());
     if (relRes * relRes > residualNorm2 * invRhsNorm2) {
         return 0;
@@ -265,15 +267,31 @@ int SrFloatMinimization::conjugateGradients(int numFrames, char** masks, int max
     return maxIter;
 }
 
-bool SrFloatMinimization::iteration(int /*index*/, int numFrames, char** masks) {
+// One step of conjugate gradients. The new direction p = beta p + r of the previous
+// step (p = r in the first step of a restart) is formed row by row just before the
+// operator reads it, which spares one pass over the image; a step that converges
+// leaves it unformed, as nothing reads it any more.
+bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
     float* x = estimate.data();
     float* r = residual.data();
     float* p = direction.data();
     float* ap = operatorDirection.data();
+    const float beta = directionBeta;
     LaneSum pAp;
-    gradient(p, numFrames, masks, ap, [&](int begin, int end) {
-        pAp.add(begin, end, [&](int i) { return static_cast<double>(p[i] * ap[i]); });
-    });
+    gradient(
+        p, numFrames, masks, ap,
+        [&](int begin, int end) {
+            if (index == 0) {
+                std::copy(r + begin, r + end, p + begin);
+            } else {
+                for (int i = begin; i < end; ++i) {
+                    p[i] = beta * p[i] + r[i];
+                }
+            }
+        },
+        [&](int begin, int end) {
+            pAp.add(begin, end, [&](int i) { return static_cast<double>(p[i] * ap[i]); });
+        });
     const float alpha = static_cast<float>(residualNorm2 / pAp.total());
     const double newNorm2 = sumInLanes(fullSize, [&](int i) {
         x[i] += alpha * p[i];
@@ -283,18 +301,16 @@ bool SrFloatMinimization::iteration(int /*index*/, int numFrames, char** masks) 
     if (static_cast<double>(relRes * relRes) > static_cast<double>(invRhsNorm2) * newNorm2) {
         return true;
     }
-    const float beta = static_cast<float>(newNorm2 / residualNorm2);
-    for (int i = 0; i < fullSize; ++i) {
-        p[i] = beta * p[i] + r[i];
-    }
+    directionBeta = static_cast<float>(newNorm2 / residualNorm2);
     residualNorm2 = static_cast<float>(newNorm2);
     return false;
 }
 
 // Lagged diffusivity: every pair of neighbours (right, down and the two diagonals at
 // distance sqrt 2) gets the weight -1 / (weightTV g(|x_a - x_b| / distance)), the
-// diagonals halved, with g the clamped magnitude; the centre is minus the sum of the
-// eight weights of a pixel, so that L x is a weighted Laplacian of x.
+// diagonals halved, with g the clamped magnitude. The diagonal of L, minus the sum
+// of the eight weights of a pixel, is formed where L is applied (neighbourWeightSum),
+// so that L x is a weighted Laplacian of x.
 void SrFloatMinimization::computeL() {
     const int w = fullWidth;
     const int h = fullHeight;
@@ -340,20 +356,12 @@ void SrFloatMinimization::computeL() {
     down[0] = straight(x[1], x[w + 1]);
     downRight[0] = diagonal(x[1], x[w + 2]);
     downLeft[0] = 0.0f;
-
-    float* centre = weightCentre.data();
-    const int firstFull = std::min(w + 1, fullSize);
-    for (int i = 0; i < firstFull; ++i) {
-        centre[i] = -neighbourWeightSum(i);
-    }
-    for (int i = firstFull; i < fullSize; ++i) {
-        centre[i] = -(right[i - 1] + right[i] + down[i - w] + down[i] + downRight[i - w - 1] +
-                      downRight[i] + downLeft[i - w + 1] + downLeft[i]);
-    }
 }
 
-// The sum of the eight neighbour weights of pixel i in the order of the centre's
-// formula, leaving out the weights whose index falls outside the image.
+// The sum of the eight neighbour weights of pixel i, in the order
+// right[i-1] + right[i] + down[i-W] + down[i] + downRight[i-W-1] + downRight[i] +
+// downLeft[i-W+1] + downLeft[i], leaving out the weights whose index falls outside
+// the image.
 float SrFloatMinimization::neighbourWeightSum(int i) const {
     const int w = fullWidth;
     float sum = i >= 1 ? weightRight[i - 1] + weightRight[i] : weightRight[i];
@@ -371,16 +379,25 @@ float SrFloatMinimization::neighbourWeightSum(int i) const {
     return sum + weightDownLeft[i];
 }
 
-// out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows; once the
-// rows of a band are final, finishRows(begin, end) gets their index range.
-template <typename FinishRows>
-void SrFloatMinimization::gradient(const float* in, int numFrames, char** masks, float* out,
-                                   FinishRows finishRows) {
+// out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Rows of `in`
+// are handed to prepareRows(begin, end) (index ranges) before anything reads them,
+// and the rows of a band to finishRows(begin, end) once they are final.
+template <typename PrepareRows, typename FinishRows>
+void SrFloatMinimization::gradient(float* in, int numFrames, char** masks, float* out,
+                                   PrepareRows prepareRows, FinishRows finishRows) {
+    int prepared = 0;
     int lowResDone = 0;
     for (int first = 0; first < fullHeight; first += kBandRows) {
         const int end = std::min(first + kBandRows, fullHeight);
-        // The frame rows whose samples reach the band: r <= (end - 1) / 2.
+        // The frame rows whose samples reach the band, r <= (end - 1) / 2, read the
+        // rows of `in` up to 2 r + psfSize - 1; the stencil reads one row beyond.
         const int lowResNeeded = std::min((end - 1) / 2 + 1, lrHeight);
+        const int rowsRead =
+            std::min(std::max(2 * (lowResNeeded - 1) + psfSize, end + 1), fullHeight);
+        if (rowsRead > prepared) {
+            prepareRows(prepared * fullWidth, rowsRead * fullWidth);
+            prepared = rowsRead;
+        }
         convolution->validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
                                        lowResTable.data(), lowResDone, lowResNeeded);
         lowResDone = std::max(lowResDone, lowResNeeded);
@@ -401,9 +418,8 @@ void SrFloatMinimization::applyStencil(const float* in, int begin, int end, floa
     for (int i = begin; i < interiorBegin; ++i) {
         out[i] = stencilAt(in, i);
     }
-    stencilInterior(in, weightCentre.data(), weightRight.data(), weightDown.data(),
-                    weightDownLeft.data(), weightDownRight.data(), w, interiorBegin, interiorEnd,
-                    out);
+    stencilInterior(in, weightRight.data(), weightDown.data(), weightDownLeft.data(),
+                    weightDownRight.data(), w, interiorBegin, interiorEnd, out);
     for (int i = interiorEnd; i < end; ++i) {
         out[i] = stencilAt(in, i);
     }
@@ -413,7 +429,7 @@ void SrFloatMinimization::applyStencil(const float* in, int begin, int end, floa
 float SrFloatMinimization::stencilAt(const float* in, int i) const {
     const int w = fullWidth;
     const int s = fullSize;
-    float sum = weightCentre[i] * in[i];
+    float sum = -neighbourWeightSum(i) * in[i];
     if (i + 1 < s) {
         sum += weightRight[i] * in[i + 1];
     }

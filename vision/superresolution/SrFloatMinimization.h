@@ -47,8 +47,9 @@ private:
     void generatePsfs(int numFrames, cv::Point_<float>* const shifts);
     int conjugateGradients(int numFrames, char** masks, int maxIter);
     void computeL();
-    template <typename FinishRows>
-    void gradient(const float* in, int numFrames, char** masks, float* out, FinishRows finishRows);
+    template <typename PrepareRows, typename FinishRows>
+    void gradient(float* in, int numFrames, char** masks, float* out, PrepareRows prepareRows,
+                  FinishRows finishRows);
     bool iteration(int index, int numFrames, char** masks);
     void applyStencil(const float* in, int begin, int end, float* out) const;
     float stencilAt(const float* in, int i) const;
@@ -82,7 +83,6 @@ private:
     std::vector<float> weightDown;
     std::vector<float> weightDownLeft;
     std::vector<float> weightDownRight;
-    std::vector<float> weightCentre;
     std::vector<float> residual;
     std::vector<float> direction;
     std::vector<float> operatorDirection;
@@ -91,6 +91,8 @@ private:
     float invEpsilon = 0.0f;
     float residualNorm2 = 0.0f;
     float invRhsNorm2 = 0.0f;
+    // beta of the direction update still to be applied (see iteration).
+    float directionBeta = 0.0f;
 };
 
 // The error function as every Gaussian tap of the library computes it:
