@@ -79,12 +79,18 @@ void splitPhases(const float* row, int rowLength, int step, int length, float* p
     }
 }
 
-// The inverse of splitPhases: row[p + step m] = phases[p * length + m], or += when
-// accumulating.
-template <int Step, bool Accumulate>
-void mergePhases(const float* phases, int length, int step, int rowLength, float* row) {
+// The horizontal pass of the adjoint for one full row:
+//   row[p + F m] (+)= 0 + sum over d of psfX[p + F d] * sparse[m - d],
+// d ascending over the taps p + F d < kx whose column m - d lies in [0, w). Step and
+// PhaseTaps are F and the taps per phase kx / F when known at compile time (0: taken
+// from `step` and `kernelWidth`). Columns near either end, where some taps fall
+// outside the sparse row, are summed one by one.
+template <int Step, int PhaseTaps, bool Accumulate>
+void convolveRow(const float* sparse, int w, const float* psfX, int kernelWidth, int step,
+                 int rowLength, float* row) {
     const int s = Step > 0 ? Step : step;
-    const int whole = rowLength / s;
+    const int kx = Step > 0 ? Step * PhaseTaps : kernelWidth;
+    const int phaseTaps = (kx + s - 1) / s;
     auto put = [](float& target, float value) {
         if (Accumulate) {
             target += value;
@@ -92,13 +98,49 @@ void mergePhases(const float* phases, int length, int step, int rowLength, float
             target = value;
         }
     };
-    for (int m = 0; m < whole; ++m) {
-        for (int p = 0; p < s; ++p) {
-            put(row[s * m + p], phases[p * length + m]);
+    auto edge = [&](int x) {
+        const int phase = x % s;
+        const int m = x / s;
+        float sum = 0.0f;
+        for (int d = 0; phase + s * d < kx; ++d) {
+            if (m - d >= 0 && m - d < w) {
+                sum += psfX[phase + s * d] * sparse[m - d];
+            }
+        }
+        put(row[x], sum);
+    };
+    const int begin = std::min(phaseTaps - 1, rowLength / s);
+    const int end = std::max(std::min(w, rowLength / s), begin);
+    for (int x = 0; x < s * begin; ++x) {
+        edge(x);
+    }
+    float k[Step > 0 ? Step * PhaseTaps : 1];
+    for (int j = 0; Step > 0 && j < kx; ++j) {
+        k[j] = psfX[j];
+    }
+    for (int m = begin; m < end; ++m) {
+        for (int phase = 0; phase < s; ++phase) {
+            float sum = 0.0f;
+            for (int d = 0; d < phaseTaps; ++d) {
+                if (phase + s * d < kx) {
+                    sum += (Step > 0 ? k[phase + s * d] : psfX[phase + s * d]) * sparse[m - d];
+                }
+            }
+            put(row[phase + s * m], sum);
         }
     }
-    for (int p = 0; whole * s + p < rowLength; ++p) {
-        put(row[whole * s + p], phases[p * length + whole]);
+    for (int x = s * end; x < rowLength; ++x) {
+        edge(x);
+    }
+}
+
+template <bool Accumulate>
+void convolveRow(const float* sparse, int w, const float* psfX, int kernelWidth, int step,
+                 int rowLength, float* row) {
+    if (step == 2 && kernelWidth == 6) {
+        convolveRow<2, 3, Accumulate>(sparse, w, psfX, kernelWidth, step, rowLength, row);
+    } else {
+        convolveRow<0, 0, Accumulate>(sparse, w, psfX, kernelWidth, step, rowLength, row);
     }
 }
 
@@ -139,7 +181,7 @@ void SrFloatConvolution::accumulateFullConvFromSparse(int count, const float* co
 // Row by row through the full image, and within a row frame by frame: the vertical
 // taps landing on row t first (column c of row t collects the frame rows
 // r = (t - i) / 2 for the taps i of the parity of t, in ascending i), then the
-// horizontal taps phase by phase (convolvePhase). Every element thus sees the tap
+// horizontal taps (convolveRow). Every element thus sees the tap
 // order of the two passes taken whole and the frames in their order, while the rows
 // being worked on stay in the first level cache. The masked frame rows m .* y, each
 // needed by kernelHeight full rows, are formed once into a ring per frame.
@@ -150,9 +192,8 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
                                             int endRow) {
     const int ringRows = (kernelHeight + 1) / kVerticalStep;
     const int ringSize = ringRows * lrWidth;
-    const int ringsOffset = step * phaseLength + lrWidth;
-    float* phases = scratchData;
-    float* vertical = scratchData + step * phaseLength;
+    const int ringsOffset = lrWidth;
+    float* vertical = scratchData;
     float* rings = scratchData + ringsOffset;
     const int capacity = ringSize > 0 ? std::max((scratchSize - ringsOffset) / ringSize, 1) : count;
     for (int first = 0; first < count; first += capacity) {
@@ -180,48 +221,10 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
                     }
                 }
                 sumScaledRows(runRows.data(), runTaps.data(), taps, lrWidth, vertical);
-                for (int phase = 0; phase < step; ++phase) {
-                    convolvePhase(vertical, psfX[first + k], phase, phases + phase * phaseLength);
-                }
-                if (step == 2) {
-                    mergePhases<2, Accumulate>(phases, phaseLength, 2, fullWidth, row);
-                } else {
-                    mergePhases<0, Accumulate>(phases, phaseLength, step, fullWidth, row);
-                }
+                convolveRow<Accumulate>(vertical, lrWidth, psfX[first + k], kernelWidth, step,
+                                        fullWidth, row);
             }
         }
-    }
-}
-
-// out[m] = 0 + sum over d of psfX[phase + F d] * sparseRow[m - d], in ascending d,
-// over the d whose sparse column m - d exists: the full-row columns phase + F m.
-// Columns near either end, where some taps fall outside the sparse row, are summed
-// one by one; the others go through the vectorised kernel.
-void SrFloatConvolution::convolvePhase(const float* sparseRow, const float* psfX, int phase,
-                                       float* out) {
-    const int length = (fullWidth - phase + step - 1) / step;
-    const int taps = phase < kernelWidth ? (kernelWidth - phase + step - 1) / step : 0;
-    for (int d = 0; d < taps; ++d) {
-        runTaps[d] = psfX[phase + step * d];
-    }
-    const int begin = std::min(std::max(taps - 1, 0), length);
-    const int end = std::max(std::min(lrWidth, length), begin);
-    for (int d = 0; d < taps; ++d) {
-        runRows[d] = sparseRow + begin - d;
-    }
-    sumScaledRows(runRows.data(), runTaps.data(), taps, end - begin, out + begin);
-    auto edge = [&](int m) {
-        float sum = 0.0f;
-        for (int d = std::max(0, m - lrWidth + 1); d <= std::min(taps - 1, m); ++d) {
-            sum += runTaps[d] * sparseRow[m - d];
-        }
-        out[m] = sum;
-    };
-    for (int m = 0; m < begin; ++m) {
-        edge(m);
-    }
-    for (int m = end; m < length; ++m) {
-        edge(m);
     }
 }
 

@@ -56,7 +56,6 @@ private:
     void convolveFromSparse(int count, const float* const* lowRes, const float* const* psfX,
                             const float* const* psfY, const char* const* masks, float* out,
                             int firstRow, int endRow);
-    void convolvePhase(const float* sparseRow, const float* psfX, int phase, float* out);
 
     int hrWidth;
     int hrHeight;
@@ -71,9 +70,9 @@ private:
     int step;
     // Length of one phase row: the columns p, p + F, p + 2F, ... of a full row.
     int phaseLength;
-    // The rows the operators work on: the F phase rows, then a ring of kernelHeight
-    // rows of w floats per frame (correlation), or one such row and a ring of
-    // (kernelHeight + 1) / 2 per frame (convolution).
+    // The rows the operators work on: the F phase rows of a full row and a ring of
+    // kernelHeight rows of w floats per frame (correlation), or one such row and a
+    // ring of (kernelHeight + 1) / 2 per frame (convolution).
     int scratchSize;
     cv::Mat scratch;
     float* scratchData;
