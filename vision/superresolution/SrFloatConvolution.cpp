@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <type_traits>
 
+#include "vision/superresolution/VectorClones.h"
+
 namespace kelvo::vision {
 
 namespace {
@@ -14,7 +16,8 @@ constexpr int kVerticalStep = 2;
 // Count is the number of taps when known at compile time (0: taken from `count`),
 // which lets the compiler keep the sum in registers and vectorise along c.
 template <int Count>
-void sumScaledRows(const float* const* rows, const float* taps, int count, int length, float* out) {
+KELVO_VECTOR_CLONES void sumScaledRows(const float* const* rows, const float* taps, int count,
+                                       int length, float* out) {
     const int n = Count > 0 ? Count : count;
     const float* source[Count > 0 ? Count : 1];
     float k[Count > 0 ? Count : 1];
@@ -56,7 +59,7 @@ void sumScaledRows(const float* const* rows, const float* taps, int count, int l
 }
 
 // out[c] = mask[c] * row[c], the mask byte read as a signed number.
-void maskRow(const float* row, const char* mask, int length, float* out) {
+KELVO_VECTOR_CLONES void maskRow(const float* row, const char* mask, int length, float* out) {
     const signed char* valid = reinterpret_cast<const signed char*>(mask);
     for (int c = 0; c < length; ++c) {
         out[c] = static_cast<float>(valid[c]) * row[c];
@@ -66,7 +69,8 @@ void maskRow(const float* row, const char* mask, int length, float* out) {
 // phases[p * length + m] = row[p + step m] for every column of the row. Step is the
 // sample step when known at compile time (0: taken from `step`).
 template <int Step>
-void splitPhases(const float* row, int rowLength, int step, int length, float* phases) {
+KELVO_VECTOR_CLONES void splitPhases(const float* row, int rowLength, int step, int length,
+                                     float* phases) {
     const int s = Step > 0 ? Step : step;
     const int whole = rowLength / s;
     for (int m = 0; m < whole; ++m) {
@@ -86,8 +90,8 @@ void splitPhases(const float* row, int rowLength, int step, int length, float* p
 // from `step` and `kernelWidth`). Columns near either end, where some taps fall
 // outside the sparse row, are summed one by one.
 template <int Step, int PhaseTaps, bool Accumulate>
-void convolveRow(const float* sparse, int w, const float* psfX, int kernelWidth, int step,
-                 int rowLength, float* row) {
+KELVO_VECTOR_CLONES void convolveRow(const float* sparse, int w, const float* psfX, int kernelWidth,
+                                     int step, int rowLength, float* row) {
     const int s = Step > 0 ? Step : step;
     const int kx = Step > 0 ? Step * PhaseTaps : kernelWidth;
     const int phaseTaps = (kx + s - 1) / s;

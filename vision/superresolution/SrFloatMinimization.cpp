@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "vision/superresolution/VectorClones.h"
+
 namespace kelvo::vision {
 
 namespace {
@@ -23,7 +25,7 @@ class LaneSum {
 public:
     // Adds term(i) for i in [begin, end).
     template <typename Term>
-    void add(int begin, int end, Term term) {
+    KELVO_VECTOR_CLONES void add(int begin, int end, Term term) {
         double sums[kSumLanes];
         std::copy(lanes, lanes + kSumLanes, sums);
         int i = begin;
@@ -53,6 +55,26 @@ private:
     double lanes[kSumLanes] = {};
 };
 
+// Runs update(begin, end) over [begin, end) in pieces that stay in the first level
+// cache, each followed by sum.add over the same piece: element-wise loops and lane
+// sums vectorise best apart.
+template <typename Update, typename Term>
+KELVO_VECTOR_CLONES void updateThenSum(int begin, int end, Update update, LaneSum& sum, Term term) {
+    constexpr int kPiece = 2048;
+    for (int first = begin; first < end; first += kPiece) {
+        const int last = std::min(first + kPiece, end);
+        update(first, last);
+        sum.add(first, last, term);
+    }
+}
+
+// p[i] = beta p[i] + r[i] for i in [begin, end)
+KELVO_VECTOR_CLONES void scaleAndAdd(float beta, const float* r, int begin, int end, float* p) {
+    for (int i = begin; i < end; ++i) {
+        p[i] = beta * p[i] + r[i];
+    }
+}
+
 template <typename Term>
 double sumInLanes(int count, Term term) {
     LaneSum sum;
@@ -69,13 +91,13 @@ inline float clampMagnitude(float d, float epsilon, float invEpsilon) {
 // out[i] = (L in)[i] for the pixels i in [begin, end) whose eight neighbours all lie
 // inside the image (W the row length), the terms added in the order of the general
 // formula. `out` must not overlap the other arrays.
-void stencilInterior(const float* in, const float* right, const float* down,
-                     const float* downLeft, const float* downRight, int w, int begin, int end,
-                     float* __restrict out) {
+KELVO_VECTOR_CLONES void stencilInterior(const float* in, const float* right, const float* down,
+                                         const float* downLeft, const float* downRight, int w,
+                                         int begin, int end, float* __restrict out) {
     for (int i = begin; i < end; ++i) {
-        const float centre = -(right[i - 1] + right[i] + down[i - w] + down[i] +
-                               downRight[i - w - 1] + downRight[i] + downLeft[i - w + 1] +
-                               downLeft[i]);
+        const float centre =
+            -(right[i - 1] + right[i] + down[i - w] + down[i] + downRight[i - w - 1] +
+              downRight[i] + downLeft[i - w + 1] + downLeft[i]);
         out[i] = centre * in[i] + right[i] * in[i + 1] + right[i - 1] * in[i - 1] +
                  down[i] * in[i + w] + down[i - w] * in[i - w] + downRight[i] * in[i + w + 1] +
                  downRight[i - w - 1] * in[i - w - 1] + downLeft[i] * in[i + w - 1] +
@@ -165,8 +187,10 @@ void SrFloatMinimization::setPsfSigma(float value) {
     }
 }
 
-int SrFloatMinimization::minimize(int numFrames, int refIndex, float** const frames,
-                                  cv::Point_<float>* const shifts, char** masks, float* result) {
+KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refIndex,
+                                                      float** const frames,
+                                                      cv::Point_<float>* const shifts, char** masks,
+                                                      float* result) {
     const int frameSize = lrWidth * lrHeight;
     const float* reference = frames[refIndex];
     const double meanSum =
@@ -242,7 +266,8 @@ void SrFloatMinimization::generatePsfs(int numFrames, cv::Point_<float>* const s
     }
 }
 
-int SrFloatMinimization::conjugateGradients(int numFrames, char** masks, int maxIter) {
+KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, char** masks,
+                                                                int maxIter) {
     computeL();
     float* r = residual.data();
     const float* b = rhs.data();
@@ -250,10 +275,14 @@ int SrFloatMinimization::conjugateGradients(int numFrames, char** masks, int max
     gradient(
         estimate.data(), numFrames, masks, r, [](int, int) {},
         [&](int begin, int end) {
-            norm.add(begin, end, [&](int i) {
-                r[i] = b[i] - r[i];
-                return static_cast<double>(r[i] * r[i]);
-            });
+            updateThenSum(
+                begin, end,
+                [&](int first, int last) {
+                    for (int i = first; i < last; ++i) {
+                        r[i] = b[i] - r[i];
+                    }
+                },
+                norm, [&](int i) { return static_cast<double>(r[i] * r[i]); });
         });
     residualNorm2 = static_cast<float>(norm.total());
     if (relRes * relRes > residualNorm2 * invRhsNorm2) {
@@ -271,7 +300,7 @@ int SrFloatMinimization::conjugateGradients(int numFrames, char** masks, int max
 // step (p = r in the first step of a restart) is formed row by row just before the
 // operator reads it, which spares one pass over the image; a step that converges
 // leaves it unformed, as nothing reads it any more.
-bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
+KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
     float* x = estimate.data();
     float* r = residual.data();
     float* p = direction.data();
@@ -284,20 +313,24 @@ bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
             if (index == 0) {
                 std::copy(r + begin, r + end, p + begin);
             } else {
-                for (int i = begin; i < end; ++i) {
-                    p[i] = beta * p[i] + r[i];
-                }
+                scaleAndAdd(beta, r, begin, end, p);
             }
         },
         [&](int begin, int end) {
             pAp.add(begin, end, [&](int i) { return static_cast<double>(p[i] * ap[i]); });
         });
     const float alpha = static_cast<float>(residualNorm2 / pAp.total());
-    const double newNorm2 = sumInLanes(fullSize, [&](int i) {
-        x[i] += alpha * p[i];
-        r[i] -= alpha * ap[i];
-        return static_cast<double>(r[i] * r[i]);
-    });
+    LaneSum norm;
+    updateThenSum(
+        0, fullSize,
+        [&](int first, int last) {
+            for (int i = first; i < last; ++i) {
+                x[i] += alpha * p[i];
+                r[i] -= alpha * ap[i];
+            }
+        },
+        norm, [&](int i) { return static_cast<double>(r[i] * r[i]); });
+    const double newNorm2 = norm.total();
     if (static_cast<double>(relRes * relRes) > static_cast<double>(invRhsNorm2) * newNorm2) {
         return true;
     }
@@ -311,7 +344,7 @@ bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
 // diagonals halved, with g the clamped magnitude. The diagonal of L, minus the sum
 // of the eight weights of a pixel, is formed where L is applied (neighbourWeightSum),
 // so that L x is a weighted Laplacian of x.
-void SrFloatMinimization::computeL() {
+KELVO_VECTOR_CLONES void SrFloatMinimization::computeL() {
     const int w = fullWidth;
     const int h = fullHeight;
     const float* x = estimate.data();
@@ -383,8 +416,9 @@ float SrFloatMinimization::neighbourWeightSum(int i) const {
 // are handed to prepareRows(begin, end) (index ranges) before anything reads them,
 // and the rows of a band to finishRows(begin, end) once they are final.
 template <typename PrepareRows, typename FinishRows>
-void SrFloatMinimization::gradient(float* in, int numFrames, char** masks, float* out,
-                                   PrepareRows prepareRows, FinishRows finishRows) {
+KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames, char** masks,
+                                                       float* out, PrepareRows prepareRows,
+                                                       FinishRows finishRows) {
     int prepared = 0;
     int lowResDone = 0;
     for (int first = 0; first < fullHeight; first += kBandRows) {

@@ -1,0 +1,12 @@
+#pragma once
+
+// Marks a function whose loops the compiler vectorises to be built twice on x86-64,
+// for AVX2 and for the baseline instruction set; the loader picks the version the
+// processor runs. The float results are the same in both: the build forbids
+// contracting products and sums into fused multiply-adds, so every lane performs the
+// same IEEE operations whatever the vector width.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define KELVO_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define KELVO_VECTOR_CLONES
+#endif
