@@ -268,12 +268,14 @@ void SrFloatMinimization::generatePsfs(int numFrames, cv::Point_<float>* const s
 
 KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, char** masks,
                                                                 int maxIter) {
-    computeL();
     float* r = residual.data();
     const float* b = rhs.data();
     LaneSum norm;
+    // The TV weights of each band are computed from the estimate just before the
+    // operator applies them.
     gradient(
-        estimate.data(), numFrames, masks, r, [](int, int) {},
+        estimate.data(), numFrames, masks, r,
+        [&](int begin, int end) { computeL(begin / fullWidth, end / fullWidth); },
         [&](int begin, int end) {
             updateThenSum(
                 begin, end,
@@ -344,9 +346,8 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
 // diagonals halved, with g the clamped magnitude. The diagonal of L, minus the sum
 // of the eight weights of a pixel, is formed where L is applied (neighbourWeightSum),
 // so that L x is a weighted Laplacian of x.
-KELVO_VECTOR_CLONES void SrFloatMinimization::computeL() {
+KELVO_VECTOR_CLONES void SrFloatMinimization::computeL(int firstRow, int endRow) {
     const int w = fullWidth;
-    const int h = fullHeight;
     const float* x = estimate.data();
     float* right = weightRight.data();
     float* down = weightDown.data();
@@ -361,34 +362,37 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::computeL() {
         return n / clampMagnitude(std::fabs(b - a) * q, lo, hi) * 0.5f;
     };
 
-    for (int y = 0; y < h - 1; ++y) {
+    for (int y = firstRow; y < endRow; ++y) {
         const int row = y * w;
-        for (int i = row; i < row + w - 1; ++i) {
+        const int rowEnd = row + w;
+        for (int i = row; i < rowEnd - 1; ++i) {
             right[i] = straight(x[i], x[i + 1]);
-            down[i] = straight(x[i], x[i + w]);
-            downRight[i] = diagonal(x[i], x[i + w + 1]);
         }
-        for (int i = row + 1; i < row + w; ++i) {
+        right[rowEnd - 1] = 0.0f;
+        if (y == fullHeight - 1) {
+            std::fill(down + row, down + rowEnd, 0.0f);
+            std::fill(downLeft + row, downLeft + rowEnd, 0.0f);
+            std::fill(downRight + row, downRight + rowEnd, 0.0f);
+            continue;
+        }
+        for (int i = row; i < rowEnd; ++i) {
+            down[i] = straight(x[i], x[i + w]);
+        }
+        downLeft[row] = 0.0f;
+        for (int i = row + 1; i < rowEnd; ++i) {
             downLeft[i] = diagonal(x[i], x[i + w - 1]);
         }
-        right[row + w - 1] = 0.0f;
-        down[row + w - 1] = straight(x[row + w - 1], x[row + 2 * w - 1]);
-        downRight[row + w - 1] = 0.0f;
-        downLeft[row] = 0.0f;
+        for (int i = row; i < rowEnd - 1; ++i) {
+            downRight[i] = diagonal(x[i], x[i + w + 1]);
+        }
+        downRight[rowEnd - 1] = 0.0f;
+        if (y == 0) {
+            // Pixel 0 takes the weights of pixel 1 and no down-left pair.
+            right[0] = straight(x[1], x[2]);
+            down[0] = straight(x[1], x[w + 1]);
+            downRight[0] = diagonal(x[1], x[w + 2]);
+        }
     }
-    const int lastRow = (h - 1) * w;
-    for (int i = lastRow; i < lastRow + w - 1; ++i) {
-        right[i] = straight(x[i], x[i + 1]);
-    }
-    right[lastRow + w - 1] = 0.0f;
-    std::fill(down + lastRow, down + fullSize, 0.0f);
-    std::fill(downLeft + lastRow, downLeft + fullSize, 0.0f);
-    std::fill(downRight + lastRow, downRight + fullSize, 0.0f);
-    // Pixel 0 takes the weights of pixel 1 and no down-left pair.
-    right[0] = straight(x[1], x[2]);
-    down[0] = straight(x[1], x[w + 1]);
-    downRight[0] = diagonal(x[1], x[w + 2]);
-    downLeft[0] = 0.0f;
 }
 
 // The sum of the eight neighbour weights of pixel i, in the order
@@ -412,9 +416,10 @@ float SrFloatMinimization::neighbourWeightSum(int i) const {
     return sum + weightDownLeft[i];
 }
 
-// out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Rows of `in`
-// are handed to prepareRows(begin, end) (index ranges) before anything reads them,
-// and the rows of a band to finishRows(begin, end) once they are final.
+// out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
+// `in` are handed to prepareRows(begin, end) (index ranges) before anything reads
+// them or the weights of their pixels, and the rows of a band to finishRows(begin, end)
+// once they are final.
 template <typename PrepareRows, typename FinishRows>
 KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames, char** masks,
                                                        float* out, PrepareRows prepareRows,

@@ -46,7 +46,8 @@ public:
 private:
     void generatePsfs(int numFrames, cv::Point_<float>* const shifts);
     int conjugateGradients(int numFrames, char** masks, int maxIter);
-    void computeL();
+    // The TV weights of the pixels in rows [firstRow, endRow).
+    void computeL(int firstRow, int endRow);
     template <typename PrepareRows, typename FinishRows>
     void gradient(float* in, int numFrames, char** masks, float* out, PrepareRows prepareRows,
                   FinishRows finishRows);
