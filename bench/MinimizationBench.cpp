@@ -31,8 +31,8 @@ struct Scene {
     std::vector<std::vector<char>> masks;
     std::vector<cv::Point_<float>> shifts;
     std::vector<float> full;
-    std::vector<float> psfX;
-    std::vector<float> psfY;
+    std::vector<std::vector<float>> psfX;
+    std::vector<std::vector<float>> psfY;
 
     Scene(int w, int h) : w(w), h(h), frames(kFrames), masks(kFrames), shifts(kFrames) {
         plain::Minimization model(w, h, kFactor);
@@ -56,9 +56,10 @@ struct Scene {
             shifts[k] = {offsets[k][0], offsets[k][1]};
             frames[k].resize(w * h);
             masks[k].assign(w * h, 1);
-            const std::vector<float> x = model.shiftedPsf(kFactor * offsets[k][0]);
-            const std::vector<float> y = model.shiftedPsf(kFactor * offsets[k][1]);
-            plain::validCorrToSparse(geometry, full.data(), x.data(), y.data(), frames[k].data());
+            psfX.push_back(model.shiftedPsf(kFactor * offsets[k][0]));
+            psfY.push_back(model.shiftedPsf(kFactor * offsets[k][1]));
+            plain::validCorrToSparse(geometry, full.data(), psfX[k].data(), psfY[k].data(),
+                                     frames[k].data());
             for (float& v : frames[k]) {
                 v += noise(random);
             }
@@ -68,8 +69,16 @@ struct Scene {
                 masks[k][c] = 0;
             }
         }
-        psfX = model.shiftedPsf(kFactor * offsets[0][0]);
-        psfY = model.shiftedPsf(kFactor * offsets[0][1]);
+    }
+
+    // The tables the five-frame sweeps take.
+    template <typename T>
+    static std::vector<const T*> table(const std::vector<std::vector<T>>& buffers) {
+        std::vector<const T*> pointers;
+        for (const std::vector<T>& buffer : buffers) {
+            pointers.push_back(buffer.data());
+        }
+        return pointers;
     }
 
     plain::SparseGeometry geometry() const {
@@ -88,7 +97,7 @@ void BM_ValidCorrToSparse(benchmark::State& state) {
     SrFloatConvolution convolution(g.hrWidth, g.hrHeight, 6, 6, kFactor);
     std::vector<float> out(scene.w * scene.h);
     for (auto _ : state) {
-        convolution.validCorrToSparse(scene.full.data(), scene.psfX.data(), scene.psfY.data(),
+        convolution.validCorrToSparse(scene.full.data(), scene.psfX[0].data(), scene.psfY[0].data(),
                                       out.data());
         benchmark::DoNotOptimize(out.data());
     }
@@ -99,8 +108,8 @@ void BM_ValidCorrToSparsePlain(benchmark::State& state) {
     Scene scene(state.range(0), state.range(1));
     std::vector<float> out(scene.w * scene.h);
     for (auto _ : state) {
-        plain::validCorrToSparse(scene.geometry(), scene.full.data(), scene.psfX.data(),
-                                 scene.psfY.data(), out.data());
+        plain::validCorrToSparse(scene.geometry(), scene.full.data(), scene.psfX[0].data(),
+                                 scene.psfY[0].data(), out.data());
         benchmark::DoNotOptimize(out.data());
     }
 }
@@ -112,40 +121,69 @@ void BM_FullConvFromSparse(benchmark::State& state) {
     SrFloatConvolution convolution(g.hrWidth, g.hrHeight, 6, 6, kFactor);
     std::vector<float> out(scene.full.size());
     for (auto _ : state) {
-        convolution.fullConvFromSparse(scene.frames[0].data(), scene.psfX.data(), scene.psfY.data(),
-                                       scene.masks[0].data(), out.data());
+        convolution.fullConvFromSparse(scene.frames[0].data(), scene.psfX[0].data(),
+                                       scene.psfY[0].data(), scene.masks[0].data(), out.data());
         benchmark::DoNotOptimize(out.data());
     }
 }
 BENCHMARK(BM_FullConvFromSparse)->Apply(sizes);
 
-void BM_AccumulateFullConvFromSparse(benchmark::State& state) {
-    Scene scene(state.range(0), state.range(1));
-    const plain::SparseGeometry g = scene.geometry();
-    SrFloatConvolution convolution(g.hrWidth, g.hrHeight, 6, 6, kFactor);
-    std::vector<float> out(scene.full.size(), 0.0f);
-    for (auto _ : state) {
-        const float* lowRes = scene.frames[0].data();
-        const float* psfX = scene.psfX.data();
-        const float* psfY = scene.psfY.data();
-        const char* mask = scene.masks[0].data();
-        convolution.accumulateFullConvFromSparse(1, &lowRes, &psfX, &psfY, &mask, out.data(), 0,
-                                                 convolution.getFullHeight());
-        benchmark::DoNotOptimize(out.data());
-    }
-}
-BENCHMARK(BM_AccumulateFullConvFromSparse)->Apply(sizes);
-
 void BM_FullConvFromSparsePlain(benchmark::State& state) {
     Scene scene(state.range(0), state.range(1));
     std::vector<float> out(scene.full.size());
     for (auto _ : state) {
-        plain::fullConvFromSparse(scene.geometry(), scene.frames[0].data(), scene.psfX.data(),
-                                  scene.psfY.data(), scene.masks[0].data(), out.data());
+        plain::fullConvFromSparse(scene.geometry(), scene.frames[0].data(), scene.psfX[0].data(),
+                                  scene.psfY[0].data(), scene.masks[0].data(), out.data());
         benchmark::DoNotOptimize(out.data());
     }
 }
 BENCHMARK(BM_FullConvFromSparsePlain)->Apply(sizes);
+
+// Both operators for the five frames in one sweep each, as the solver applies them.
+void BM_FiveFrameSweeps(benchmark::State& state) {
+    Scene scene(state.range(0), state.range(1));
+    const plain::SparseGeometry g = scene.geometry();
+    SrFloatConvolution convolution(g.hrWidth, g.hrHeight, 6, 6, kFactor);
+    std::vector<std::vector<float>> lowRes = scene.frames;
+    std::vector<float*> lowResOut;
+    for (std::vector<float>& frame : lowRes) {
+        lowResOut.push_back(frame.data());
+    }
+    const std::vector<const float*> lowResIn = Scene::table(lowRes);
+    const std::vector<const float*> psfX = Scene::table(scene.psfX);
+    const std::vector<const float*> psfY = Scene::table(scene.psfY);
+    const std::vector<const char*> masks = Scene::table(scene.masks);
+    std::vector<float> out(scene.full.size(), 0.0f);
+    for (auto _ : state) {
+        convolution.validCorrToSparse(kFrames, scene.full.data(), psfX.data(), psfY.data(),
+                                      lowResOut.data(), 0, scene.h);
+        convolution.accumulateFullConvFromSparse(kFrames, lowResIn.data(), psfX.data(), psfY.data(),
+                                                 masks.data(), out.data(), 0,
+                                                 convolution.getFullHeight());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+BENCHMARK(BM_FiveFrameSweeps)->Apply(sizes);
+
+void BM_FiveFrameSweepsPlain(benchmark::State& state) {
+    Scene scene(state.range(0), state.range(1));
+    std::vector<float> lowRes(scene.w * scene.h);
+    std::vector<float> conv(scene.full.size());
+    std::vector<float> out(scene.full.size(), 0.0f);
+    for (auto _ : state) {
+        for (int k = 0; k < kFrames; ++k) {
+            plain::validCorrToSparse(scene.geometry(), scene.full.data(), scene.psfX[k].data(),
+                                     scene.psfY[k].data(), lowRes.data());
+            plain::fullConvFromSparse(scene.geometry(), lowRes.data(), scene.psfX[k].data(),
+                                      scene.psfY[k].data(), scene.masks[k].data(), conv.data());
+            for (size_t i = 0; i < out.size(); ++i) {
+                out[i] += conv[i];
+            }
+        }
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+BENCHMARK(BM_FiveFrameSweepsPlain)->Apply(sizes);
 
 // One whole reconstruction; the frames are restored before each run because
 // minimize normalises them in place.
@@ -195,7 +233,7 @@ void BM_MinimizePlain(benchmark::State& state) {
     plain::Minimization minimization(state.range(0), state.range(1), kFactor);
     minimizeBench(state, [&](Scene& scene, float** frames, char** masks, float* result) {
         return minimization.minimize(kFrames, kReference, frames, scene.shifts.data(), masks, 8,
-                                     result);
+                                     0.007f, result);
     });
 }
 BENCHMARK(BM_MinimizePlain)->Apply(sizes);

@@ -233,7 +233,7 @@ public:
     }
 
     int minimize(int numFrames, int refIndex, float** frames, const cv::Point_<float>* shifts,
-                 char** frameMasks, int maxIter, float* result) {
+                 char** frameMasks, int maxIter, float relRes, float* result) {
         const int n = w * h;
         const float* ref = frames[refIndex];
         const double mean = sumInLanes(n, [&](int i) { return static_cast<double>(ref[i]); }) / n;
@@ -272,9 +272,10 @@ public:
         std::vector<float> r(size);
         std::vector<float> p(size);
         std::vector<float> ap(size);
-        const float relRes = 0.007f;
         int total = 0;
+        restartCount = 0;
         for (int restart = 0; restart < maxIter; ++restart) {
+            ++restartCount;
             computeL(x);
             gradient(x, r);
             for (int i = 0; i < size; ++i) {
@@ -325,13 +326,9 @@ public:
         return total;
     }
 
-    // The TV weights after computeL, for comparison.
-    const std::vector<float>& weightRight() const { return right; }
-    const std::vector<float>& weightDown() const { return down; }
-    const std::vector<float>& weightDownLeft() const { return downLeft; }
-    const std::vector<float>& weightDownRight() const { return downRight; }
-    const std::vector<float>& weightCentre() const { return centre; }
     const std::vector<float>& base() const { return basePsf; }
+    // Restarts of conjugate gradients in the last minimize.
+    int restarts() const { return restartCount; }
     int fullImageWidth() const { return fullWidth; }
     int fullImageHeight() const { return fullHeight; }
 
@@ -354,6 +351,7 @@ private:
     std::vector<float> downLeft;
     std::vector<float> downRight;
     std::vector<float> centre;
+    int restartCount = 0;
 };
 
 }  // namespace kelvo::vision::plain

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -63,9 +65,9 @@ Burst randomBurst(int w, int h, int count, int refIndex, unsigned seed) {
 }
 
 int runOptimised(SrFloatMinimization& minimization, Burst burst, int refIndex,
-                 std::vector<float>& result) {
+                 std::vector<float>& result, float factor = 2.0f) {
     burst.refreshPointers();
-    result.assign(burst.w * 2 * burst.h * 2, 0.0f);
+    result.assign(static_cast<int>(burst.w * factor) * static_cast<int>(burst.h * factor), 0.0f);
     return minimization.minimize(burst.count(), refIndex, burst.framePointers.data(),
                                  burst.shifts.data(), burst.maskPointers.data(), result.data());
 }
@@ -195,28 +197,39 @@ TEST(SrFloatMinimization, MatchesThePlainAlgorithmBitForBit) {
         int frames;
         int refIndex;
         int maxIter;
+        float relRes;
+        float factor;
         unsigned seed;
     };
-    const Case cases[] = {{24, 20, 5, 3, 8, 1}, {24, 20, 5, 0, 3, 2}, {13, 9, 4, 2, 12, 3},
-                          {7, 16, 5, 4, 1, 4},  {24, 20, 5, 3, 0, 5}, {40, 30, 5, 1, 20, 6}};
+    // Budgets exhausted within a restart, no iteration at all, and loose residuals that
+    // make conjugate gradients converge and restart several times; factors 2 and 3.
+    const Case cases[] = {{24, 20, 5, 3, 8, 0.007f, 2.0f, 1}, {24, 20, 5, 0, 3, 0.007f, 2.0f, 2},
+                          {13, 9, 4, 2, 12, 0.05f, 2.0f, 3},  {7, 16, 5, 4, 1, 0.007f, 2.0f, 4},
+                          {24, 20, 5, 3, 0, 0.007f, 2.0f, 5}, {40, 30, 5, 1, 20, 0.1f, 2.0f, 6},
+                          {40, 35, 5, 3, 30, 0.2f, 2.0f, 7},  {11, 9, 5, 3, 8, 0.05f, 3.0f, 8}};
+    int mostRestarts = 0;
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " maxIter " << c.maxIter);
+        SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " maxIter " << c.maxIter
+                                        << " relRes " << c.relRes << " factor " << c.factor);
         const Burst burst = randomBurst(c.w, c.h, c.frames, c.refIndex, c.seed);
-        SrFloatMinimization minimization(c.w, c.h, 5, 2.0f);
+        SrFloatMinimization minimization(c.w, c.h, 5, c.factor);
         minimization.setMaxIter(c.maxIter);
+        minimization.setRelRes(c.relRes);
         std::vector<float> actual;
-        const int iterations = runOptimised(minimization, burst, c.refIndex, actual);
+        const int iterations = runOptimised(minimization, burst, c.refIndex, actual, c.factor);
 
         Burst copy = burst;
         copy.refreshPointers();
         std::vector<float> expected(actual.size());
-        plain::Minimization model(c.w, c.h, 2.0f);
+        plain::Minimization model(c.w, c.h, c.factor);
         EXPECT_EQ(iterations, model.minimize(c.frames, c.refIndex, copy.framePointers.data(),
                                              copy.shifts.data(), copy.maskPointers.data(),
-                                             c.maxIter, expected.data()));
+                                             c.maxIter, c.relRes, expected.data()));
         EXPECT_LE(iterations, c.maxIter);
         EXPECT_EQ(std::memcmp(expected.data(), actual.data(), actual.size() * sizeof(float)), 0);
+        mostRestarts = std::max(mostRestarts, model.restarts());
     }
+    EXPECT_GE(mostRestarts, 3);
 }
 
 TEST(SrFloatMinimization, RestartsShareTheIterationBudget) {
@@ -321,6 +334,15 @@ TEST(SrFloatMinimization, NormalisesFramesInPlaceAndSurvivesDegenerateInput) {
     minimization.minimize(5, 3, masked.framePointers.data(), masked.shifts.data(),
                           masked.maskPointers.data(), result.data());
     EXPECT_FALSE(std::isfinite(result[0]));
+    // A NaN or infinite pixel spreads through the image.
+    for (float bad : {std::nanf(""), std::numeric_limits<float>::infinity()}) {
+        Burst broken = randomBurst(12, 10, 5, 3, 11);
+        broken.frames[1][17] = bad;
+        broken.refreshPointers();
+        minimization.minimize(5, 3, broken.framePointers.data(), broken.shifts.data(),
+                              broken.maskPointers.data(), result.data());
+        EXPECT_FALSE(std::isfinite(result[24 * 10 + 12])) << bad;
+    }
 }
 
 }  // namespace
