@@ -6,7 +6,7 @@
 // contracting products and sums into fused multiply-adds, so every lane performs the
 // same IEEE operations whatever the vector width.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define KELVO_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+#define KELVO_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
 #else
 #define KELVO_VECTOR_CLONES
 #endif
