@@ -202,11 +202,14 @@ TEST(SrFloatMinimization, MatchesThePlainAlgorithmBitForBit) {
         unsigned seed;
     };
     // Budgets exhausted within a restart, no iteration at all, and loose residuals that
-    // make conjugate gradients converge and restart several times; factors 2 and 3.
+    // make conjugate gradients converge and restart several times; factors 2 and 3, and
+    // 2.5, whose base PSF has a non-zero first tap, so that the reference frame's shift
+    // of 0 tells the two branches of the PSF shift apart.
     const Case cases[] = {{24, 20, 5, 3, 8, 0.007f, 2.0f, 1}, {24, 20, 5, 0, 3, 0.007f, 2.0f, 2},
                           {13, 9, 4, 2, 12, 0.05f, 2.0f, 3},  {7, 16, 5, 4, 1, 0.007f, 2.0f, 4},
                           {24, 20, 5, 3, 0, 0.007f, 2.0f, 5}, {40, 30, 5, 1, 20, 0.1f, 2.0f, 6},
-                          {40, 35, 5, 3, 30, 0.2f, 2.0f, 7},  {11, 9, 5, 3, 8, 0.05f, 3.0f, 8}};
+                          {40, 35, 5, 3, 30, 0.2f, 2.0f, 7},  {11, 9, 5, 3, 8, 0.05f, 3.0f, 8},
+                          {14, 10, 5, 3, 6, 0.05f, 2.5f, 9}};
     int mostRestarts = 0;
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " maxIter " << c.maxIter
