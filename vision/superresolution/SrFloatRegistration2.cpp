@@ -106,11 +106,12 @@ void SrFloatRegistration2::prepareFrame(const float* frame) {
                      cv::BORDER_REFLECT_101);
 
     // The 8-bit range follows the frames only when one leaves it, so that the
-    // frames of a burst are converted alike.
+    // frames of a burst are converted alike. An infinite pixel would widen it for
+    // good, since no later frame could leave it: such frames keep the range.
     double minimum = 0.0;
     double maximum = 0.0;
     cv::minMaxIdx(blurred, &minimum, &maximum);
-    if (minimum < rangeLow || maximum > rangeHigh) {
+    if ((minimum < rangeLow || maximum > rangeHigh) && std::isfinite(maximum - minimum)) {
         const double margin = kRangeMargin * (maximum - minimum);
         rangeLow = static_cast<float>(minimum - margin);
         rangeHigh = static_cast<float>(maximum + margin);
@@ -175,6 +176,10 @@ int SrFloatRegistration2::registerFrames(int registeredFrames, int referenceInde
 int SrFloatRegistration2::registerWithCorners(unsigned int referenceIndex, unsigned int frameIndex,
                                               cv::Point_<int>& displacement) {
     displacement = cv::Point_<int>(0, 0);
+    // The tracker refuses an empty point list.
+    if (refCorners.empty()) {
+        return kNoTrackedCorner;
+    }
     trackedCorners.clear();
     cv::calcOpticalFlowPyrLK(framePyramids[referenceIndex], framePyramids[frameIndex], refCorners,
                              trackedCorners, trackStatus, trackError,
