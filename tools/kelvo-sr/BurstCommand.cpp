@@ -1,0 +1,48 @@
+#include <iostream>
+
+#include "tools/kelvo-sr/CommandSupport.h"
+#include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/ImageFiles.h"
+#include "tools/simulator/ThermalPreview.h"
+
+namespace kelvo::tools {
+
+int runBurst(const BurstCommandOptions& options) {
+    const auto rawFormat = rawFormatFromOptions(options.rawSize, options.rawType);
+    std::vector<cv::Mat_<float>> frames;
+    for (const std::string& path : options.frames) {
+        frames.push_back(readFrame(path, rawFormat.get()));
+    }
+    const auto resolver = makeSuperResolver(options.engine, frames.front());
+
+    // With more than five frames the window slides: the last five make the result.
+    int lastStatus = 0;
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        const int status = resolver->addFrame(frames[i]);
+        if (status != 0) {
+            std::cerr << "warning: " << options.frames[i] << ": " << SuperResolver::describe(status)
+                      << std::endl;
+        }
+        lastStatus = status;
+    }
+    const cv::Mat_<float> result = resolver->result();
+
+    writeFloatTiff(options.output, result);
+    std::cout << "wrote " << options.output << " (" << result.cols << "x" << result.rows << ")"
+              << std::endl;
+    if (!options.png.empty()) {
+        double scale = 1.0, offset = 0.0;
+        default16BitEncoding(chooseValueKind(options.engine.values, frames.front()), scale, offset);
+        write16BitPng(options.png, result, scale, offset);
+        std::cout << "wrote " << options.png << std::endl;
+    }
+    if (!options.preview.empty()) {
+        writeColourImage(options.preview,
+                         ThermalPreview::render(result, ThermalPreview::robustRange(result)));
+        std::cout << "wrote " << options.preview << std::endl;
+    }
+    // A result exists; a non-zero code of the final pass still tells the caller it is weak.
+    return lastStatus == 0 ? 0 : 2;
+}
+
+}  // namespace kelvo::tools
