@@ -76,7 +76,7 @@ int guarded(Request request) {
 }
 
 // Camera models by the number in their type text, in the order they are searched for, with the
-// standard deviation of the sensor's point-spread function in input pixels. Only the 625 depends
+// standard deviation of the sensor's point-spread function in result pixels. Only the 625 depends
 // on its lens.
 struct CameraModel {
     const char* number;
