@@ -9,8 +9,8 @@ namespace {
 constexpr int kVerticalStep = 2;
 }  // namespace
 
-SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth,
-                                       int kernelHeight, float factor)
+SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight,
+                                       float factor)
     : hrWidth(hrWidth),
       hrHeight(hrHeight),
       kernelWidth(kernelWidth),
@@ -20,6 +20,23 @@ SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidt
       factor(factor),
       scratch(fullHeight, std::max(hrWidth, 1), CV_32F),
       scratchData(scratch.ptr<float>()) {}
+
+SrFloatConvolution::SrFloatConvolution(const SrFloatConvolution& other)
+    : SrFloatConvolution(other.hrWidth, other.hrHeight, other.kernelWidth, other.kernelHeight,
+                         other.factor) {}
+
+SrFloatConvolution& SrFloatConvolution::operator=(const SrFloatConvolution& other) {
+    hrWidth = other.hrWidth;
+    hrHeight = other.hrHeight;
+    kernelWidth = other.kernelWidth;
+    kernelHeight = other.kernelHeight;
+    fullWidth = other.fullWidth;
+    fullHeight = other.fullHeight;
+    factor = other.factor;
+    scratch.create(fullHeight, std::max(hrWidth, 1), CV_32F);
+    scratchData = scratch.ptr<float>();
+    return *this;
+}
 
 void SrFloatConvolution::fullConvFromSparse(float* const lowRes, float* const psfX,
                                             float* const psfY, char* mask, float* out) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <memory>
 #include <opencv2/core.hpp>
 #include <vector>
 
@@ -26,8 +25,8 @@ public:
 
     // Writes the (int)(h f) x (int)(w f) result and returns the conjugate-gradient
     // iterations spent. The frames are normalised in place.
-    int minimize(int numFrames, int refIndex, float** const frames,
-                 cv::Point_<float>* const shifts, char** masks, float* result);
+    int minimize(int numFrames, int refIndex, float** const frames, cv::Point_<float>* const shifts,
+                 char** masks, float* result);
 
     float getPsfSigma() const { return psfSigma; }
     void setPsfSigma(float value);
@@ -65,7 +64,7 @@ private:
     std::vector<float> basePsf;
     std::vector<std::vector<float>> psfX;
     std::vector<std::vector<float>> psfY;
-    std::unique_ptr<SrFloatConvolution> convolution;
+    SrFloatConvolution convolution;
     std::vector<float> lowResScratch;
     std::vector<float> convScratch;
     std::vector<float> rhs;

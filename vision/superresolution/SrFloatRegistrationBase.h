@@ -49,8 +49,8 @@ protected:
     // with M's overlap sums obtained from the whole-image sums minus two border strips.
     // The normalised squared residual of the linearised model, mean filtered, marks
     // the mask's valid pixels (below regError). Returns s0 + u.
-    cv::Point_<float> opticalFlow(const float* reference, const float* frame,
-                                  cv::Point_<int> start, char* mask);
+    cv::Point_<float> opticalFlow(const float* reference, const float* frame, cv::Point_<int> start,
+                                  char* mask);
 
     // Moves `source` by the whole-pixel part of `shift` as one flat array (pixels
     // carry across row ends; only the ends of the array are zero-filled) and leaves
