@@ -245,10 +245,13 @@ TEST(SuperResolutionInterface, TooLittleContrastIsReportedButTheFrameCounts) {
 
 TEST(SuperResolutionInterface, QueryWithTooFewFramesStillRunsThePass) {
     Context context;
-    context.add(burstFrame(0));
-    context.add(burstFrame(1));
     int outputWidth = 0;
     int outputHeight = 0;
+    EXPECT_EQ(SuperResolution_queryOutputImageSize(context.handle, &outputWidth, &outputHeight),
+              SR_TOO_FEW_IMAGES)
+        << "without frames";
+    context.add(burstFrame(0));
+    context.add(burstFrame(1));
     overwriteMessage(context.handle);
     EXPECT_EQ(SuperResolution_queryOutputImageSize(context.handle, &outputWidth, &outputHeight),
               SR_TOO_FEW_IMAGES);
