@@ -48,6 +48,9 @@ private:
     void computeL();
     void gradient(float* const in, int numFrames, char** masks, float* out);
     bool iteration(int index, int numFrames, char** masks);
+    void applyStencil(const float* in, float* out) const;
+    float stencilAt(const float* in, int i) const;
+    float neighbourWeightSum(int i) const;
 
     int lrWidth;
     int lrHeight;
