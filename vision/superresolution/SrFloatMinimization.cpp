@@ -65,9 +65,9 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
       basePsf(psfSize),
       psfX(maxFrames, std::vector<float>(psfSize)),
       psfY(maxFrames, std::vector<float>(psfSize)),
-      convolution(std::make_unique<SrFloatConvolution>(
-          static_cast<int>(static_cast<float>(lrWidth) * factor),
-          static_cast<int>(static_cast<float>(lrHeight) * factor), psfSize, psfSize, factor)),
+      convolution(static_cast<int>(static_cast<float>(lrWidth) * factor),
+                  static_cast<int>(static_cast<float>(lrHeight) * factor), psfSize, psfSize,
+                  factor),
       lowResScratch(static_cast<size_t>(lrWidth) * lrHeight),
       rhs(fullSize),
       estimate(fullSize),
@@ -140,8 +140,8 @@ int SrFloatMinimization::minimize(int numFrames, int refIndex, float** const fra
     generatePsfs(numFrames, shifts);
     std::fill(rhs.begin(), rhs.end(), 0.0f);
     for (int k = 0; k < numFrames; ++k) {
-        convolution->accumulateFullConvFromSparse(frames[k], psfX[k].data(), psfY[k].data(),
-                                                  masks[k], rhs.data());
+        convolution.accumulateFullConvFromSparse(frames[k], psfX[k].data(), psfY[k].data(),
+                                                 masks[k], rhs.data());
     }
     const float* b = rhs.data();
     invRhsNorm2 = static_cast<float>(
@@ -327,9 +327,9 @@ float SrFloatMinimization::neighbourWeightSum(int i) const {
 void SrFloatMinimization::gradient(float* const in, int numFrames, char** masks, float* out) {
     applyStencil(in, out);
     for (int k = 0; k < numFrames; ++k) {
-        convolution->validCorrToSparse(in, psfX[k].data(), psfY[k].data(), lowResScratch.data());
-        convolution->accumulateFullConvFromSparse(lowResScratch.data(), psfX[k].data(),
-                                                  psfY[k].data(), masks[k], out);
+        convolution.validCorrToSparse(in, psfX[k].data(), psfY[k].data(), lowResScratch.data());
+        convolution.accumulateFullConvFromSparse(lowResScratch.data(), psfX[k].data(),
+                                                 psfY[k].data(), masks[k], out);
     }
 }
 
