@@ -229,9 +229,11 @@ TEST(BurstSimulator, RejectsInvalidOptionsAndScenes) {
     invalid([](BurstOptions& o) { o.referenceFrame = 5; });
     invalid([](BurstOptions& o) { o.referenceFrame = -1; });
     invalid([](BurstOptions& o) { o.maxShift = -0.1f; });
-    invalid([](BurstOptions& o) { o.maxShift = INFINITY; });
+    invalid([](BurstOptions& o) { o.maxShift = NAN; });
+    invalid([](BurstOptions& o) { o.maxShift = 64.5f; });
     invalid([](BurstOptions& o) { o.shifts = {{0, 0}, {1, 1}}; });
     invalid([](BurstOptions& o) { o.shifts = {{0, 0}, {1, 1}, {0, 0}, {0, 0}, {0, NAN}}; });
+    invalid([](BurstOptions& o) { o.shifts = {{0, 0}, {1, 1}, {0, 0}, {0, 0}, {-65, 0}}; });
     invalid([](BurstOptions& o) { o.shifts = {{0.5f, 0}, {1, 1}, {0, 0}, {0, 0}, {0, 0}}; });
     invalid([](BurstOptions& o) { o.psfSigma = 0.0f; });
     invalid([](BurstOptions& o) { o.psfSigma = NAN; });
@@ -251,6 +253,7 @@ TEST(BurstSimulator, RejectsInvalidOptionsAndScenes) {
     EXPECT_EQ(simulator.simulate(scene).truth.size(), cv::Size(8, 8));
     scene(3, 3) = NAN;
     EXPECT_THROW(simulator.simulate(scene), std::invalid_argument);
+    EXPECT_THROW(ThermalScene::render(cv::Size(0, 5), 1), std::invalid_argument);
     options.hotPixels = 20;
     EXPECT_THROW(BurstSimulator(options).simulate(cv::Size(8, 8)), std::invalid_argument);
 }

@@ -11,6 +11,8 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace kelvo::tools {
 
@@ -19,6 +21,8 @@ namespace {
 // Scene pixels between the mirror seams of the Fourier shift and the farthest pixel a
 // frame reads: the seams carry only kinks, whose ringing has faded out by then.
 constexpr int kSeamGuard = 16;
+// Bound of shift components in frame pixels: keeps the scene margin reasonable.
+constexpr float kShiftLimit = 64.0f;
 
 // Independent random streams for scene, shifts, noise and defects, so that changing
 // one option leaves the others' draws alone (splitmix64 finaliser).
@@ -124,11 +128,12 @@ BurstSimulator::BurstSimulator(BurstOptions options) : settings(std::move(option
     require(o.frameCount >= 1, "frameCount must be at least 1");
     require(o.referenceFrame >= 0 && o.referenceFrame < o.frameCount,
             "referenceFrame must lie in [0, frameCount)");
-    require(std::isfinite(o.maxShift) && o.maxShift >= 0.0f, "maxShift must be finite and >= 0");
+    require(o.maxShift >= 0.0f && o.maxShift <= kShiftLimit, "maxShift must lie in [0, 64]");
     require(o.shifts.empty() || static_cast<int>(o.shifts.size()) == o.frameCount,
             "shifts must be empty or hold frameCount entries");
     for (const cv::Point2f& shift : o.shifts) {
-        require(std::isfinite(shift.x) && std::isfinite(shift.y), "shifts must be finite");
+        require(std::abs(shift.x) <= kShiftLimit && std::abs(shift.y) <= kShiftLimit,
+                "shift components must lie in [-64, 64]");
     }
     require(o.shifts.empty() || o.shifts[o.referenceFrame] == cv::Point2f(0.0f, 0.0f),
             "the reference frame's shift must be (0, 0)");

@@ -20,7 +20,7 @@ struct BurstOptions {
     // The frame whose shift is (0, 0) and on whose grid the truth lies. The entry
     // points' default reference index 3 selects burst position 1 of five frames.
     int referenceFrame = 0;
-    // Bound of each random shift component, in frame pixels.
+    // Bound of each random shift component, in frame pixels (at most 64, like explicit ones).
     float maxShift = 1.5f;
     // Shifts to use instead of random ones: frameCount entries, (0, 0) at referenceFrame.
     std::vector<cv::Point2f> shifts;

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace kelvo::tools {
@@ -295,6 +297,9 @@ private:
 }  // namespace
 
 cv::Mat_<float> ThermalScene::render(cv::Size size, std::uint64_t seed) {
+    if (size.width < 1 || size.height < 1) {
+        throw std::invalid_argument("ThermalScene: the size must be at least 1 x 1");
+    }
     cv::Mat_<float> scene(size);
     cv::RNG rng(seed);
     Painter(scene, rng).paint();
