@@ -1,11 +1,40 @@
+#include <algorithm>
 #include <iostream>
+#include <stdexcept>
 
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
 #include "tools/kelvo-sr/ImageFiles.h"
+#include "tools/simulator/ImageQuality.h"
 #include "tools/simulator/ThermalPreview.h"
 
 namespace kelvo::tools {
+
+namespace {
+
+// Window position of the reference frame among the frames given, oldest first.
+std::size_t referencePosition(const BurstCommandOptions& options, std::size_t frameCount) {
+    const std::size_t held = std::min<std::size_t>(frameCount, 5);
+    const std::size_t fromNewest = static_cast<std::size_t>(options.engine.referenceIndex);
+    return frameCount - held + (fromNewest < held ? held - 1 - fromNewest : 0);
+}
+
+void writeComparison(const BurstCommandOptions& options, const cv::Mat_<float>& reference,
+                     const cv::Mat_<float>& result) {
+    cv::Rect area(0, 0, result.cols, result.rows);
+    if (options.crop.size() == 4) {
+        area = cv::Rect(options.crop[0], options.crop[1], options.crop[2], options.crop[3]) & area;
+        if (area.empty()) {
+            throw std::runtime_error("--crop lies outside the result.");
+        }
+    }
+    const cv::Mat_<float> bicubic = ImageQuality::upscaleBicubic(reference);
+    writeColourImage(options.compare,
+                     ThermalPreview::sideBySide(
+                         {{"bicubic 2x", bicubic(area)}, {"super-resolution 2x", result(area)}}));
+}
+
+}  // namespace
 
 int runBurst(const BurstCommandOptions& options) {
     const auto rawFormat = rawFormatFromOptions(options.rawSize, options.rawType);
@@ -40,6 +69,10 @@ int runBurst(const BurstCommandOptions& options) {
         writeColourImage(options.preview,
                          ThermalPreview::render(result, ThermalPreview::robustRange(result)));
         std::cout << "wrote " << options.preview << std::endl;
+    }
+    if (!options.compare.empty()) {
+        writeComparison(options, frames[referencePosition(options, frames.size())], result);
+        std::cout << "wrote " << options.compare << std::endl;
     }
     // A result exists; a non-zero code of the final pass still tells the caller it is weak.
     return lastStatus == 0 ? 0 : 2;

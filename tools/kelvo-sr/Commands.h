@@ -28,6 +28,8 @@ struct BurstCommandOptions {
     std::string output = "superresolved.tiff";
     std::string png;
     std::string preview;
+    std::string compare;
+    std::vector<int> crop;  // x, y, width, height in result pixels; empty: the whole image
     EngineOptions engine;
 };
 

@@ -66,6 +66,12 @@ int main(int argc, char** argv) {
                              "also a 16-bit PNG (counts as they are, temperatures in "
                              "centikelvin)");
     burstCommand->add_option("--preview", burst.preview, "also a colour-palette preview PNG");
+    burstCommand->add_option("--compare", burst.compare,
+                             "also a PNG of the reference frame's bicubic upscaling beside the "
+                             "result");
+    burstCommand
+        ->add_option("--crop", burst.crop, "crop of --compare: X Y WIDTH HEIGHT in result pixels")
+        ->expected(4);
     addRawOptions(*burstCommand, burst.rawSize, burst.rawType);
     addEngineOptions(*burstCommand, burst.engine);
 
