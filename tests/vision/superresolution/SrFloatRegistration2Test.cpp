@@ -11,6 +11,7 @@
 namespace kelvo::vision {
 namespace {
 
+using testing::cutShiftedFrame;
 using testing::makeDoubleSizeTexture;
 using testing::makeShiftedFrame;
 
@@ -48,10 +49,12 @@ struct Burst {
 };
 
 Burst makeBurst(const std::vector<cv::Point2f>& trueShifts, uint64 seed = 7) {
-    const cv::Mat_<float> texture = makeDoubleSizeTexture(kWidth, kHeight, seed);
+    constexpr int margin = 10;
+    const cv::Mat_<float> scene =
+        makeDoubleSizeTexture(kWidth + 2 * margin, kHeight + 2 * margin, seed);
     std::vector<cv::Mat_<float>> frames;
     for (const cv::Point2f& shift : trueShifts) {
-        frames.push_back(makeShiftedFrame(texture, shift));
+        frames.push_back(cutShiftedFrame(scene, shift, margin));
     }
     return Burst(frames);
 }
