@@ -169,6 +169,31 @@ TEST(SrFloatRegistration2, DisplacementOfHalfTheHeightThrowsWhateverTheWidth) {
     EXPECT_NEAR(complete[1].y, -23.0f, 0.25f);
 }
 
+class ExposedRegistration2 : public SrFloatRegistration2 {
+public:
+    using SrFloatRegistration2::consensusDisplacement;
+    using SrFloatRegistration2::SrFloatRegistration2;
+};
+
+TEST(SrFloatRegistration2, CornerConsensusTakesUpperMediansAndStrictInliers) {
+    ExposedRegistration2 registration(kWidth, kHeight, kFrames);
+    auto consensus = [&](std::vector<cv::Point2f> displacements) {
+        return registration.consensusDisplacement(displacements);
+    };
+    // Rounding with halves upward.
+    EXPECT_EQ(consensus({{1.4f, -2.6f}}), cv::Point(1, -3));
+    EXPECT_EQ(consensus({{0.5f, -0.5f}}), cv::Point(1, 0));
+    EXPECT_EQ(consensus({{-2.5f, 1.5f}}), cv::Point(-2, 2));
+    // An even count takes the upper middle value.
+    EXPECT_EQ(consensus({{0.0f, 0.0f}, {10.0f, 10.0f}}), cv::Point(10, 10));
+    // Outliers leave the mean; exactly 2 pixels from a median is out.
+    EXPECT_EQ(consensus({{1.0f, 1.0f}, {1.2f, 0.8f}, {1.1f, 1.0f}, {30.0f, -5.0f}}),
+              cv::Point(1, 1));
+    EXPECT_EQ(consensus({{0.0f, 0.0f}, {2.0f, 0.0f}, {2.0f, 0.0f}}), cv::Point(2, 0));
+    // Medians from different corners can leave no inlier.
+    EXPECT_EQ(consensus({{0.0f, 10.0f}, {10.0f, 0.0f}}), cv::Point(0, 0));
+}
+
 TEST(SrFloatRegistration2, LostCornersGiveMinusNineAndLeaveLaterOutputsAlone) {
     std::vector<cv::Mat_<float>> frames(kFrames, cv::Mat_<float>(kHeight, kWidth, 250.0f));
     Burst burst(frames);
