@@ -180,9 +180,10 @@ int SrFloatRegistration2::registerWithCorners(unsigned int referenceIndex, unsig
     if (refCorners.empty()) {
         return kNoTrackedCorner;
     }
+    // Only the tracked positions and their status are used, not the tracking error.
     trackedCorners.clear();
     cv::calcOpticalFlowPyrLK(framePyramids[referenceIndex], framePyramids[frameIndex], refCorners,
-                             trackedCorners, trackStatus, trackError,
+                             trackedCorners, trackStatus, cv::noArray(),
                              cv::Size(trackWindowSize, trackWindowSize), kPyramidLevels,
                              cv::TermCriteria(cv::TermCriteria::COUNT + cv::TermCriteria::EPS,
                                               kTrackIterations, kTrackEpsilon),

@@ -72,7 +72,6 @@ private:
     cv::Mat eightBitFrame;
     std::vector<cv::Point_<float>> trackedCorners;
     std::vector<unsigned char> trackStatus;
-    std::vector<float> trackError;
     std::vector<cv::Point_<float>> cornerDisplacements;
     std::vector<float> displacementsX;
     std::vector<float> displacementsY;
