@@ -77,6 +77,15 @@ private:
 
     bool isValid(float value) const;
     unsigned char defectCode_(float value) const;
+    // Lists the defects of the frame in row-major order, writing their codes into the map
+    // when one is given, and lowers minValue and raises maxValue to the valid extremes.
+    void scanFrame_(const cv::Mat_<float>& frame, cv::Mat* defectMap, float& minValue,
+                    float& maxValue);
+    // Mean of the pixels of the first frameCount frames under result pixel (x, y) that
+    // their defect maps mark good; false when there is none.
+    bool meanOfGoodFramePixels_(int x, int y, const std::vector<cv::Point_<float>>& shifts,
+                                const std::vector<cv::Mat_<float>>& frames, size_t frameCount,
+                                float& mean) const;
     // The zeroed map the next frame's defects go to, or null when no map is kept.
     cv::Mat* nextDefectMap_(cv::Size size);
 
