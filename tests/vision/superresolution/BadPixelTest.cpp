@@ -28,31 +28,11 @@ std::vector<unsigned short> rowOf(const Table& table, int row) {
     return std::vector<unsigned short>(table[row], table[row] + BadPixel::kTableColumns);
 }
 
-TEST(BadPixel, RecordKeepsPositionReplacementsAndDistinctReasons) {
-    BadPixel empty;
-    EXPECT_EQ(empty.pos(), cv::Point_<unsigned int>(0, 0));
-    EXPECT_EQ(empty.getNumberOfReplacementPixels(), 0u);
-
+TEST(BadPixel, RecordAddsEachDefectReasonOnce) {
     BadPixel pixel(3, 7, {{1, 2}}, {4, 4});
-    unsigned int x = 0;
-    unsigned int y = 0;
-    pixel.pos(x, y);
-    EXPECT_EQ(x, 3u);
-    EXPECT_EQ(y, 7u);
-    EXPECT_EQ(pixel.retrieveDefectReasons(), (std::vector<unsigned short>{4, 4}));
+    EXPECT_EQ(pixel.pos(), cv::Point_<unsigned int>(3, 7));
     pixel.addDefectReasons({5, 4, 6, 5});
     EXPECT_EQ(pixel.retrieveDefectReasons(), (std::vector<unsigned short>{4, 4, 5, 6}));
-
-    pixel.set(cv::Point_<unsigned int>(9, 8));
-    EXPECT_EQ(pixel.pos(), cv::Point_<unsigned int>(9, 8));
-    pixel.set(10, 11);
-    EXPECT_EQ(pixel.pos(), cv::Point_<unsigned int>(10, 11));
-    pixel.addReplacementPixel(cv::Point_<unsigned int>(5, 6));
-    pixel.addReplacementPixel(7, 8);
-    EXPECT_EQ(pixel.getReplacementPixels(),
-              (std::vector<cv::Point_<unsigned int>>{{1, 2}, {5, 6}, {7, 8}}));
-    pixel.clearReplacements();
-    EXPECT_EQ(pixel.getNumberOfReplacementPixels(), 0u);
 }
 
 TEST(BadPixel, HistogramCountsOutsideValuesInTheEndBins) {
