@@ -415,11 +415,15 @@ bool BadPixel::appendBadPixel(const cv::Mat& source, cv::Mat& table, cv::Size im
 
     std::set<unsigned int> badSet;
     collectBadPixels(merged, imageSize.width, badSet);
-    const ReplacementQuery query = computeReplacePixelQuery(count);
+    // The query grows with the square of its reach: built only when a row needs it.
+    ReplacementQuery query;
     bool allReplaced = true;
     for (int row = 0; row < merged.rows; ++row) {
         if (hasGoodReplacements(merged, row, imageSize, badSet)) {
             continue;
+        }
+        if (query.empty()) {
+            query = computeReplacePixelQuery(count);
         }
         if (!chooseReplacements(merged, row, imageSize, query, badSet)) {
             markUnreplaced(merged, row, imageSize);

@@ -58,8 +58,9 @@ public:
     // value, one whose bin is positive while the binSpan bins to its left, the binSpan bins
     // to its right and the binSpan / 2 bins on either side each sum below maxNeighbourCount.
     // The end bins are cleared in the histogram. The table's row count is the capacity: the
-    // search stops with false as soon as the table is full. Otherwise the table is cut to
-    // the rows found, if any.
+    // search stops with false as soon as the table is full. The table is then cut to the
+    // rows found, if any. False without searching for an empty or non-continuous histogram,
+    // maxNeighbourCount 0, binSpan below 2 or a table not of ten columns.
     static bool performNeighbourSearch(const cv::Mat_<short>& image, cv::Mat_<int>& histogram,
                                        cv::Mat_<unsigned short>& table, unsigned short lowLimit,
                                        short highLimit, unsigned short maxNeighbourCount,

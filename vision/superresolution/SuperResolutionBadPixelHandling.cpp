@@ -98,11 +98,11 @@ class ExtremeLanes {
 public:
     static constexpr int kWidth = 4;
 
-    ExtremeLanes(float low, float high)
-        : low(vdupq_n_f32(low)),
-          high(vdupq_n_f32(high)),
-          lowest(vdupq_n_f32(high)),
-          highest(vdupq_n_f32(low)) {}
+    ExtremeLanes(float validMin, float validMax)
+        : low(vdupq_n_f32(validMin)),
+          high(vdupq_n_f32(validMax)),
+          lowest(vdupq_n_f32(validMax)),
+          highest(vdupq_n_f32(validMin)) {}
 
     // Takes the first `columns` values of a row (a multiple of the width); true when one
     // of them is not valid.

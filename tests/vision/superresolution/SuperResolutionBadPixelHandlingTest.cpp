@@ -383,6 +383,15 @@ TEST(SuperResolutionBadPixelHandling, RefillsMarkedPixelsFromGoodFramePixels) {
     EXPECT_EQ(bitsOf(masked.result(15, 0)), Handler::kMarkerDefectAlternative);
     EXPECT_EQ(cv::countNonZero(masked.result != before), 68);
 
+    // Fewer or smaller frames than maps: only what all of them cover counts.
+    cv::Mat_<float> marked(16, 20, fromBits(Handler::kMarkerDefect));
+    masked.handler.replaceMaskedPixel(marked, masked.shifts, {cv::Mat_<float>(2, 3, 4.0f)});
+    EXPECT_EQ(marked(0, 0), 4.0f);
+    EXPECT_EQ(bitsOf(marked(15, 19)), Handler::kMarkerDefect);
+    cv::Mat_<float> empty;
+    masked.handler.maskBadPixel(empty, masked.shifts);
+    masked.handler.replaceMaskedPixel(empty, masked.shifts, masked.frames);
+
     // Where every frame's pixel is itself defective the marker stays.
     Handler lonely(1);
     cv::Mat_<float> frame = rampFrame(4, 4);
