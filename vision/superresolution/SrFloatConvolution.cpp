@@ -9,8 +9,8 @@ namespace {
 constexpr int kVerticalStep = 2;
 }  // namespace
 
-SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight,
-                                       float factor)
+SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth,
+                                       int kernelHeight, float factor)
     : hrWidth(hrWidth),
       hrHeight(hrHeight),
       kernelWidth(kernelWidth),
