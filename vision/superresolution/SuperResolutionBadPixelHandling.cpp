@@ -170,6 +170,34 @@ SuperResolutionBadPixelHandling::SuperResolutionBadPixelHandling(unsigned int hi
       dataIsNUC(false),
       neighbourOffsets{{-1, 0}, {1, 0}, {0, -1}, {0, 1}} {}
 
+SuperResolutionBadPixelHandling::SuperResolutionBadPixelHandling(
+    const SuperResolutionBadPixelHandling& other)
+    : historyLength(other.historyLength),
+      validMin(other.validMin),
+      validMax(other.validMax),
+      dataIsNUC(other.dataIsNUC),
+      neighbourOffsets{other.neighbourOffsets[0], other.neighbourOffsets[1],
+                       other.neighbourOffsets[2], other.neighbourOffsets[3]} {
+    for (const cv::Mat& defectMap : other.defectMaps) {
+        defectMaps.push_back(defectMap.clone());
+    }
+}
+
+SuperResolutionBadPixelHandling& SuperResolutionBadPixelHandling::operator=(
+    const SuperResolutionBadPixelHandling& other) {
+    if (this != &other) {
+        SuperResolutionBadPixelHandling copy(other);
+        std::swap(defectMaps, copy.defectMaps);
+        historyLength = other.historyLength;
+        validMin = other.validMin;
+        validMax = other.validMax;
+        dataIsNUC = other.dataIsNUC;
+        std::copy(std::begin(other.neighbourOffsets), std::end(other.neighbourOffsets),
+                  std::begin(neighbourOffsets));
+    }
+    return *this;
+}
+
 void SuperResolutionBadPixelHandling::setDataIsNUC(bool value) {
     dataIsNUC = value;
     validMin = value ? kNUCValidMin : kDefaultValidMin;

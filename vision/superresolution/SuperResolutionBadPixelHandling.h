@@ -30,6 +30,9 @@ public:
 
     // A history length of 0 keeps no defect map; frames are still repaired.
     explicit SuperResolutionBadPixelHandling(unsigned int historyLength);
+    // Copies own their defect maps: the history recycles map storage in place.
+    SuperResolutionBadPixelHandling(const SuperResolutionBadPixelHandling& other);
+    SuperResolutionBadPixelHandling& operator=(const SuperResolutionBadPixelHandling& other);
 
     // Raw sensor counts have a wider valid range than temperatures.
     void setDataIsNUC(bool value);

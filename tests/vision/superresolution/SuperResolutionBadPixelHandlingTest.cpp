@@ -432,4 +432,25 @@ TEST(SuperResolutionBadPixelHandling, ColoursMaximumMarkersRedAndMinimumMarkersB
     EXPECT_EQ(smallView(0, 0), Colour(0, 0, 255));
 }
 
+TEST(SuperResolutionBadPixelHandling, CopiesKeepTheirOwnDefectHistory) {
+    Handler original(2);
+    cv::Mat_<float> defective = rampFrame(8, 8);
+    defective(4, 4) = fromBits(Handler::kMarkerDefect);
+    original.detectAndReplaceBadPixel(defective);
+    cv::Mat_<float> clean = rampFrame(8, 8);
+    original.detectAndReplaceBadPixel(clean);
+
+    Handler copy(original);
+    Handler assigned(5);
+    assigned = original;
+    for (Handler* other : {&copy, &assigned}) {
+        for (int i = 0; i < 2; ++i) {
+            cv::Mat_<float> frame = rampFrame(8, 8);
+            other->detectAndReplaceBadPixel(frame);
+        }
+        EXPECT_EQ(codeAt(*other, 4, 4), 0);
+    }
+    EXPECT_EQ(original.getDefectMaps()[0].at<unsigned char>(4, 4), 3);
+}
+
 }  // namespace
