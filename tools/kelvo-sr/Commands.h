@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,9 +43,30 @@ struct SequenceOptions {
     EngineOptions engine;
 };
 
+struct BadPixelsOptions {
+    std::string input;
+    std::string rawSize;
+    std::string rawType;
+    std::string table = "badpixels.csv";
+    std::string output = "repaired.png";
+    std::string drawing = "badpixels.png";
+    std::string known;  // CSV of bad pixels known beforehand; empty: none
+    // Values at or beyond either end count as defective; unset: the full scale of the
+    // image's bit depth (0 .. 2^n - 1, or -2^n .. 2^n - 1 with negative values).
+    std::optional<int> low;
+    std::optional<int> high;
+    int capacity = 10000;
+    int maxNeighbours = 3;
+    int span = 4;
+    int radius = 3;
+    int markSize = 7;
+    bool randomColours = false;
+};
+
 // Each returns the process exit code; errors are reported on standard error.
 int runDemo(const DemoOptions& options);
 int runBurst(const BurstCommandOptions& options);
 int runSequence(const SequenceOptions& options);
+int runBadPixels(const BadPixelsOptions& options);
 
 }  // namespace kelvo::tools

@@ -19,7 +19,7 @@ std::size_t bytesPerPixel(RawType type) {
     return type == RawType::kFloat32 ? 4 : 2;
 }
 
-cv::Mat_<float> readRawFrame(const std::string& path, const RawFormat& format) {
+cv::Mat readRawFrame(const std::string& path, const RawFormat& format) {
     const std::size_t pixels = static_cast<std::size_t>(format.width) * format.height;
     const std::size_t expected = pixels * bytesPerPixel(format.type);
     std::error_code error;
@@ -41,9 +41,7 @@ cv::Mat_<float> readRawFrame(const std::string& path, const RawFormat& format) {
     if (!stream.read(reinterpret_cast<char*>(raw.data), static_cast<std::streamsize>(expected))) {
         throw std::runtime_error("Cannot read '" + path + "'.");
     }
-    cv::Mat_<float> frame;
-    raw.convertTo(frame, CV_32F);
-    return frame;
+    return raw;
 }
 
 }  // namespace
@@ -77,7 +75,7 @@ bool parseRawType(const std::string& text, RawType& type) {
     return true;
 }
 
-cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat) {
+cv::Mat readStoredImage(const std::string& path, const RawFormat* rawFormat) {
     if (!std::filesystem::is_regular_file(path)) {
         throw std::runtime_error("Cannot read '" + path + "': no such file.");
     }
@@ -97,6 +95,11 @@ cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat) {
     if (image.empty()) {
         throw std::runtime_error("Cannot read '" + path + "': not an image this tool can decode.");
     }
+    return image;
+}
+
+cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat) {
+    cv::Mat image = readStoredImage(path, rawFormat);
     if (image.channels() == 4) {
         cv::cvtColor(image, image, cv::COLOR_BGRA2GRAY);
     } else if (image.channels() == 3) {

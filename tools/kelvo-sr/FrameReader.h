@@ -26,4 +26,8 @@ bool parseRawType(const std::string& text, RawType& type);
 // std::runtime_error with a sentence naming the file when it cannot.
 cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat);
 
+// Reads one image with the channels and pixel type it is stored in (a raw file as its
+// type); throws like readFrame.
+cv::Mat readStoredImage(const std::string& path, const RawFormat* rawFormat);
+
 }  // namespace kelvo::tools

@@ -33,6 +33,10 @@ void write16BitPng(const std::string& path, const cv::Mat_<float>& image, double
     write(path, encoded);
 }
 
+void write16BitImage(const std::string& path, const cv::Mat& image) {
+    write(path, image);
+}
+
 void default16BitEncoding(ValueKind values, double& scale, double& offset) {
     if (values == ValueKind::kCounts) {
         scale = 1.0;

@@ -15,6 +15,9 @@ void writeFloatTiff(const std::string& path, const cv::Mat_<float>& image);
 void write16BitPng(const std::string& path, const cv::Mat_<float>& image, double scale,
                    double offset);
 
+// Writes a 16-bit image (CV_16U, or CV_16S for TIFF) with its values as they are.
+void write16BitImage(const std::string& path, const cv::Mat& image);
+
 // The 16-bit encoding a user of each kind of data expects: counts as they are,
 // temperatures in centikelvin.
 void default16BitEncoding(ValueKind values, double& scale, double& offset);

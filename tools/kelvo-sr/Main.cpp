@@ -25,10 +25,11 @@ void addEngineOptions(CLI::App& command, EngineOptions& options) {
     command.add_flag("--timings", options.timings, "print the library's timing lines");
 }
 
-void addRawOptions(CLI::App& command, std::string& size, std::string& type) {
+void addRawOptions(CLI::App& command, std::string& size, std::string& type,
+                   const std::vector<std::string>& types) {
     command.add_option("--size", size, "size of headerless raw frames, WxH (e.g. 640x512)");
     command.add_option("--type", type, "pixel type of headerless raw frames")
-        ->check(CLI::IsMember({"u16", "i16", "f32"}));
+        ->check(CLI::IsMember(types));
 }
 
 }  // namespace
@@ -72,7 +73,7 @@ int main(int argc, char** argv) {
     burstCommand
         ->add_option("--crop", burst.crop, "crop of --compare: X Y WIDTH HEIGHT in result pixels")
         ->expected(4);
-    addRawOptions(*burstCommand, burst.rawSize, burst.rawType);
+    addRawOptions(*burstCommand, burst.rawSize, burst.rawType, {"u16", "i16", "f32"});
     addEngineOptions(*burstCommand, burst.engine);
 
     SequenceOptions sequence;
@@ -84,8 +85,67 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     sequenceCommand->add_flag("--previews", sequence.previews,
                               "also write a colour-palette preview per result");
-    addRawOptions(*sequenceCommand, sequence.rawSize, sequence.rawType);
+    addRawOptions(*sequenceCommand, sequence.rawSize, sequence.rawType, {"u16", "i16", "f32"});
     addEngineOptions(*sequenceCommand, sequence.engine);
+
+    BadPixelsOptions badPixels;
+    CLI::App* badPixelsCommand = app.add_subcommand(
+        "badpixels", "find the defective pixels of a 16-bit raw image and repair them");
+    badPixelsCommand
+        ->add_option("image", badPixels.input,
+                     "16-bit image: PNG, TIFF, or headerless raw with --size/--type")
+        ->required();
+    addRawOptions(*badPixelsCommand, badPixels.rawSize, badPixels.rawType, {"u16", "i16"});
+    badPixelsCommand->add_option("--table", badPixels.table, "CSV of the bad pixels found")
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("-o,--output", badPixels.output,
+                     "repaired image: 16-bit PNG, or TIFF (keeps signed values)")
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--drawing", badPixels.drawing,
+                     "colour PNG of the image with every bad pixel outlined")
+        ->capture_default_str();
+    badPixelsCommand->add_option("--known", badPixels.known,
+                                 "CSV of bad pixels known beforehand, x,y per line (a table "
+                                 "written by this command will do)");
+    badPixelsCommand
+        ->add_option("--low", badPixels.low,
+                     "values at or below it are defective (default 0, or -2^n for signed "
+                     "images with negative values)")
+        ->check(CLI::Range(-32768, 65535));
+    badPixelsCommand
+        ->add_option("--high", badPixels.high,
+                     "values at or above it are defective (default 2^n - 1, the full scale of "
+                     "the image's bit depth); at most 32767 above --low")
+        ->check(CLI::Range(-32768, 65535));
+    badPixelsCommand
+        ->add_option("--max-neighbours", badPixels.maxNeighbours,
+                     "a value is isolated, and its pixels defective, when fewer pixels than "
+                     "this lie within --span values of it")
+        ->check(CLI::Range(1, 65535))
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--span", badPixels.span, "values on either side that count as near")
+        ->check(CLI::Range(2, 32767))
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--capacity", badPixels.capacity, "most bad pixels the search may find")
+        ->check(CLI::Range(1, 32767))
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--radius", badPixels.radius,
+                     "reach of the replacement search: good pixels up to this far (1: the four "
+                     "direct neighbours only)")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--mark-size", badPixels.markSize,
+                     "side of the square drawn around each bad pixel")
+        ->check(CLI::Range(1, 255))
+        ->capture_default_str();
+    badPixelsCommand->add_flag("--random-colours", badPixels.randomColours,
+                               "draw each square in its own colour instead of red");
 
     CLI11_PARSE(app, argc, argv);
 
@@ -96,7 +156,10 @@ int main(int argc, char** argv) {
         if (*burstCommand) {
             return runBurst(burst);
         }
-        return runSequence(sequence);
+        if (*sequenceCommand) {
+            return runSequence(sequence);
+        }
+        return runBadPixels(badPixels);
     } catch (const std::exception& error) {
         std::cerr << "kelvo-sr: " << error.what() << std::endl;
         return 1;
