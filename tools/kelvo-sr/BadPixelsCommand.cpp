@@ -192,18 +192,24 @@ int runBadPixels(const BadPixelsOptions& options) {
         options.known.empty() ? Table() : readKnownBadPixels(options.known, image.size());
     const bool pngOutput = repairedAsPng(options.output, image);
 
-    // The utilities take signed 16-bit values with the range starting at 0: shifting by the
+    // The search takes signed 16-bit values with its range starting at 0: shifting by the
     // low end keeps every value inside the range exact, and those beyond it stay beyond it.
-    cv::Mat_<short> shifted;
-    image.convertTo(shifted, CV_16S, 1.0, -range.low);
+    cv::Mat_<short> searched;
+    image.convertTo(searched, CV_16S, 1.0, -range.low);
     const short highLimit = static_cast<short>(range.high - range.low);
-    cv::Mat_<short> repairedShifted = shifted.clone();
+    // The repair truncates the mean of four values toward zero. Signed images are repaired
+    // as they are; unsigned ones, which may exceed the signed values, shifted like the
+    // search: their good pixels stay non-negative, so the rounding does not change.
+    const int repairOffset = image.depth() == CV_16S ? 0 : range.low;
+    cv::Mat_<short> unrepaired;
+    image.convertTo(unrepaired, CV_16S, 1.0, -repairOffset);
+    cv::Mat_<short> repairedValues = unrepaired.clone();
 
     const auto start = std::chrono::steady_clock::now();
     cv::Mat_<int> histogram;
-    BadPixel::buildValueHistogram(shifted, histogram, 0, highLimit);
+    BadPixel::buildValueHistogram(searched, histogram, 0, highLimit);
     Table table(options.capacity, BadPixel::kTableColumns);
-    if (!BadPixel::performNeighbourSearch(shifted, histogram, table, 0, highLimit,
+    if (!BadPixel::performNeighbourSearch(searched, histogram, table, 0, highLimit,
                                           static_cast<unsigned short>(options.maxNeighbours),
                                           static_cast<unsigned short>(options.span))) {
         throw std::runtime_error(
@@ -227,20 +233,20 @@ int runBadPixels(const BadPixelsOptions& options) {
         }
     }
     BadPixel::calculateReplacePixels(table, image.size(), options.radius);
-    BadPixel::removeBadPixel(repairedShifted, table);
+    BadPixel::removeBadPixel(repairedValues, table);
     const double milliseconds =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 
     // Only the repaired pixels change; the others keep their values, also those beyond the
     // range that the shift cut off.
     cv::Mat repaired = image.clone();
-    cv::Mat repairedValues;
-    repairedShifted.convertTo(repairedValues, image.type(), 1.0, range.low);
-    repairedValues.copyTo(repaired, repairedShifted != shifted);
+    cv::Mat repairedInImageType;
+    repairedValues.convertTo(repairedInImageType, image.type(), 1.0, repairOffset);
+    repairedInImageType.copyTo(repaired, repairedValues != unrepaired);
 
     int outOfRange = 0, unreplaced = 0;
     for (int row = 0; row < table.rows; ++row) {
-        const short value = shifted(table(row, 1), table(row, 0));
+        const short value = searched(table(row, 1), table(row, 0));
         outOfRange += row < found && (value <= 0 || value >= highLimit);
         unreplaced += !isReplaced(table, row, image.size());
     }
