@@ -29,11 +29,12 @@ constexpr int kWidestRange = 32767;
 constexpr int kMostTableRows = 32767;
 constexpr int kSmallestBitDepth = 8;
 
+// "16-bit unsigned", "8-bit unsigned 3-channel", ... in the order of OpenCV's depths.
 std::string describeDepth(const cv::Mat& image) {
     static const char* const depths[] = {"8-bit unsigned", "8-bit signed",   "16-bit unsigned",
                                          "16-bit signed",  "32-bit integer", "32-bit float",
-                                         "64-bit float"};
-    std::string text = depths[image.depth()];
+                                         "64-bit float",   "16-bit float"};
+    const std::string text = depths[image.depth()];
     return image.channels() == 1 ? text
                                  : text + " " + std::to_string(image.channels()) + "-channel";
 }
@@ -82,8 +83,8 @@ SearchRange chooseSearchRange(const BadPixelsOptions& options, const cv::Mat& im
 }
 
 // Known bad pixels from a CSV whose lines start with x,y; lines that start with neither a
-// digit nor a minus sign (a header, comments) are skipped. Rows in the form detection leaves them,
-// so that their replacements are chosen.
+// digit nor a minus sign (a header, comments) are skipped. The rows take the form detection
+// leaves them in, so that their replacements get chosen.
 Table readKnownBadPixels(const std::string& path, cv::Size imageSize) {
     std::ifstream file(path);
     if (!file) {
@@ -160,8 +161,8 @@ bool repairedAsPng(const std::string& path, const cv::Mat& image) {
     cv::minMaxLoc(image, &lowest);
     if (lowest < 0.0) {
         throw std::runtime_error(
-            "The image holds negative values, which a PNG cannot: write "
-            "the repaired image as a .tiff instead of '" +
+            "The image holds negative values, which a PNG cannot: write the "
+            "repaired image as a .tiff instead of '" +
             path + "'.");
     }
     return true;
@@ -183,29 +184,15 @@ cv::Mat drawDefects(const BadPixelsOptions& options, const cv::Mat& image, const
     return drawing;
 }
 
-}  // namespace
-
-int runBadPixels(const BadPixelsOptions& options) {
-    const cv::Mat image = readImage(options);
-    const SearchRange range = chooseSearchRange(options, image);
-    const Table known =
-        options.known.empty() ? Table() : readKnownBadPixels(options.known, image.size());
-    const bool pngOutput = repairedAsPng(options.output, image);
-
+// The bad pixels of the image, searched in [low, high], merged with the known ones, each
+// with its replacements chosen; `found` tells how many the search found (the first rows).
+Table findBadPixels(const BadPixelsOptions& options, const cv::Mat& image, SearchRange range,
+                    const Table& known, int& found) {
     // The search takes signed 16-bit values with its range starting at 0: shifting by the
     // low end keeps every value inside the range exact, and those beyond it stay beyond it.
     cv::Mat_<short> searched;
     image.convertTo(searched, CV_16S, 1.0, -range.low);
     const short highLimit = static_cast<short>(range.high - range.low);
-    // The repair truncates the mean of four values toward zero. Signed images are repaired
-    // as they are; unsigned ones, which may exceed the signed values, shifted like the
-    // search: their good pixels stay non-negative, so the rounding does not change.
-    const int repairOffset = image.depth() == CV_16S ? 0 : range.low;
-    cv::Mat_<short> unrepaired;
-    image.convertTo(unrepaired, CV_16S, 1.0, -repairOffset);
-    cv::Mat_<short> repairedValues = unrepaired.clone();
-
-    const auto start = std::chrono::steady_clock::now();
     cv::Mat_<int> histogram;
     BadPixel::buildValueHistogram(searched, histogram, 0, highLimit);
     Table table(options.capacity, BadPixel::kTableColumns);
@@ -221,7 +208,7 @@ int runBadPixels(const BadPixelsOptions& options) {
     if (table.rows == options.capacity) {
         table = Table(0, BadPixel::kTableColumns);
     }
-    const int found = table.rows;
+    found = table.rows;
     if (!known.empty()) {
         cv::Mat merged = table;
         BadPixel::appendBadPixel(known, merged, image.size(), options.radius);
@@ -233,27 +220,49 @@ int runBadPixels(const BadPixelsOptions& options) {
         }
     }
     BadPixel::calculateReplacePixels(table, image.size(), options.radius);
-    BadPixel::removeBadPixel(repairedValues, table);
-    const double milliseconds =
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    return table;
+}
 
-    // Only the repaired pixels change; the others keep their values, also those beyond the
-    // range that the shift cut off.
+// The image with every replaced bad pixel set to the mean of its replacements, truncated
+// toward zero. Signed images are repaired as they are; unsigned ones, which may exceed the
+// signed values the repair takes, shifted down by the search range's low end: their good
+// pixels stay non-negative, so the rounding does not change. Every other pixel keeps its
+// value, also one that the shift would cut off.
+cv::Mat repairBadPixels(const cv::Mat& image, const Table& table, SearchRange range) {
+    const int offset = image.depth() == CV_16S ? 0 : range.low;
+    cv::Mat_<short> unrepaired;
+    image.convertTo(unrepaired, CV_16S, 1.0, -offset);
+    cv::Mat_<short> values = unrepaired.clone();
+    BadPixel::removeBadPixel(values, table);
     cv::Mat repaired = image.clone();
-    cv::Mat repairedInImageType;
-    repairedValues.convertTo(repairedInImageType, image.type(), 1.0, repairOffset);
-    repairedInImageType.copyTo(repaired, repairedValues != unrepaired);
+    cv::Mat valuesInImageType;
+    values.convertTo(valuesInImageType, image.type(), 1.0, offset);
+    valuesInImageType.copyTo(repaired, values != unrepaired);
+    return repaired;
+}
 
-    int outOfRange = 0, unreplaced = 0;
+int valueAt(const cv::Mat& image, int x, int y) {
+    return image.depth() == CV_16S ? image.at<short>(y, x) : image.at<unsigned short>(y, x);
+}
+
+int countUnreplaced(const Table& table, cv::Size imageSize) {
+    int unreplaced = 0;
     for (int row = 0; row < table.rows; ++row) {
-        const short value = searched(table(row, 1), table(row, 0));
-        outOfRange += row < found && (value <= 0 || value >= highLimit);
-        unreplaced += !isReplaced(table, row, image.size());
+        unreplaced += !isReplaced(table, row, imageSize);
     }
+    return unreplaced;
+}
 
-    std::cout << "found: " << found << " bad pixels in " << options.input << " (" << outOfRange
-              << " at or beyond " << range.low << ".." << range.high << ", " << found - outOfRange
-              << " at isolated values)" << std::endl;
+void printSummary(const BadPixelsOptions& options, const cv::Mat& image, SearchRange range,
+                  const Table& table, int found, int unreplaced, double milliseconds) {
+    int outOfRange = 0;
+    for (int row = 0; row < found; ++row) {
+        const int value = valueAt(image, table(row, 0), table(row, 1));
+        outOfRange += value <= range.low || value >= range.high;
+    }
+    std::cout << "found: " << found << (found == 1 ? " bad pixel in " : " bad pixels in ")
+              << options.input << " (" << outOfRange << " at or beyond " << range.low << ".."
+              << range.high << ", " << found - outOfRange << " at isolated values)" << std::endl;
     if (!options.known.empty()) {
         std::cout << "known: " << table.rows - found << " more from " << options.known << std::endl;
     }
@@ -265,6 +274,25 @@ int runBadPixels(const BadPixelsOptions& options) {
     std::cout << std::endl;
     std::cout << "time: " << std::fixed << std::setprecision(2) << milliseconds << " ms"
               << std::endl;
+}
+
+}  // namespace
+
+int runBadPixels(const BadPixelsOptions& options) {
+    const cv::Mat image = readImage(options);
+    const SearchRange range = chooseSearchRange(options, image);
+    const Table known =
+        options.known.empty() ? Table() : readKnownBadPixels(options.known, image.size());
+    const bool pngOutput = repairedAsPng(options.output, image);
+
+    const auto start = std::chrono::steady_clock::now();
+    int found = 0;
+    const Table table = findBadPixels(options, image, range, known, found);
+    cv::Mat repaired = repairBadPixels(image, table, range);
+    const double milliseconds =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    const int unreplaced = countUnreplaced(table, image.size());
+    printSummary(options, image, range, table, found, unreplaced, milliseconds);
 
     writeTable(options.table, table);
     std::cout << "wrote " << options.table << " (" << table.rows << " rows)" << std::endl;
@@ -275,6 +303,7 @@ int runBadPixels(const BadPixelsOptions& options) {
     std::cout << "wrote " << options.output << std::endl;
     writeColourImage(options.drawing, drawDefects(options, image, table));
     std::cout << "wrote " << options.drawing << std::endl;
+    // The outputs exist; a non-zero code still tells the caller that defects remain.
     return unreplaced == 0 ? 0 : 2;
 }
 

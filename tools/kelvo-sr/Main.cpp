@@ -122,7 +122,8 @@ int main(int argc, char** argv) {
     badPixelsCommand
         ->add_option("--max-neighbours", badPixels.maxNeighbours,
                      "a value is isolated, and its pixels defective, when fewer pixels than "
-                     "this lie within --span values of it")
+                     "this hold values up to --span below it, up to --span above it, and "
+                     "within --span/2 around it (its own counted in each)")
         ->check(CLI::Range(1, 65535))
         ->capture_default_str();
     badPixelsCommand
