@@ -105,6 +105,15 @@ protected:
         return result;
     }
 
+    // Runs the tool expecting it to fail with that exit code and a message holding `message`.
+    void expectFailure(const std::string& arguments, const std::string& message,
+                       int exitCode = 1) const {
+        const ToolRun failed = run(arguments);
+        EXPECT_EQ(failed.exitCode, exitCode) << arguments << "\nprinted: " << failed.output;
+        EXPECT_NE(failed.output.find(message), std::string::npos)
+            << arguments << "\nprinted: " << failed.output;
+    }
+
     fs::path path(const std::string& name) const {
         return folder / name;
     }
@@ -186,7 +195,7 @@ TEST_F(KelvoSrTool, BurstTakesCountsFromPngAndRawFrames) {
     // Counts stay counts: the result lies in the frames' range, not in temperatures.
     double low = 0.0, high = 0.0;
     cv::minMaxLoc(frames[1], &low, &high);
-    cv::Scalar mean = cv::mean(pngResult);
+    const cv::Scalar mean = cv::mean(pngResult);
     EXPECT_GT(mean[0], low);
     EXPECT_LT(mean[0], high);
     const cv::Mat png16 = cv::imread(path("png.png").string(), cv::IMREAD_UNCHANGED);
@@ -195,14 +204,9 @@ TEST_F(KelvoSrTool, BurstTakesCountsFromPngAndRawFrames) {
 
 TEST_F(KelvoSrTool, BurstRejectsBadInputWithAClearMessage) {
     const std::vector<std::string> frames = writeBurst(5, "frame");
-    const auto expectFailure = [&](const std::string& arguments, const std::string& message) {
-        const ToolRun failed = run(arguments);
-        EXPECT_NE(failed.exitCode, 0) << arguments;
-        EXPECT_NE(failed.output.find(message), std::string::npos)
-            << arguments << "\nprinted: " << failed.output;
-    };
     const std::vector<std::string> four(frames.begin(), frames.begin() + 4);
-    expectFailure("burst" + joined(four), "At least 5 required but received 4");
+    // The option parser's code for a wrong number of arguments.
+    expectFailure("burst" + joined(four), "At least 5 required but received 4", 114);
 
     expectFailure("burst" + joined(four) + " missing.png",
                   "Cannot read 'missing.png': no such file.");
@@ -251,9 +255,12 @@ TEST_F(KelvoSrTool, SequenceWritesOneResultPerFrameFromTheFifth) {
         << sequence.output;
     EXPECT_NE(sequence.output.find("mean time per pass: "), std::string::npos) << sequence.output;
 
-    const ToolRun empty = run("sequence results/none");
-    EXPECT_NE(empty.exitCode, 0);
-    EXPECT_NE(empty.output.find("Cannot read 'results/none'"), std::string::npos) << empty.output;
+    const ToolRun missing = run("sequence results/none");
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_NE(missing.output.find("Cannot read 'results/none': neither a folder of frames nor a "
+                                  "video file."),
+              std::string::npos)
+        << missing.output;
 }
 
 // A 14-bit raw image with counts spread evenly over 2000 .. 2039 (no value is rare), and
@@ -281,16 +288,22 @@ PlantedImage plantedImage() {
     return planted;
 }
 
+// (x, y) of the bad pixel of every table row.
+std::set<std::pair<int, int>> badPixelsOf(const std::vector<std::vector<int>>& rows) {
+    std::set<std::pair<int, int>> positions;
+    for (const std::vector<int>& row : rows) {
+        positions.insert({row.at(0), row.at(1)});
+    }
+    return positions;
+}
+
 // Only the listed pixels change, each to the integer mean of its four replacements, which
 // are good pixels.
 template <typename Value>
 void expectRepairedFromTable(const std::vector<std::vector<int>>& rows,
                              const cv::Mat_<Value>& original, const cv::Mat& repaired) {
     ASSERT_EQ(repaired.size(), original.size());
-    std::set<std::pair<int, int>> listed;
-    for (const std::vector<int>& row : rows) {
-        listed.insert({row[0], row[1]});
-    }
+    const std::set<std::pair<int, int>> listed = badPixelsOf(rows);
     for (const std::vector<int>& row : rows) {
         ASSERT_EQ(row.size(), 10u);
         int sum = 0;
@@ -328,11 +341,7 @@ TEST_F(KelvoSrTool, BadPixelsFindsAndRepairsPlantedDefects) {
               "x,y,replacement1_x,replacement1_y,replacement2_x,replacement2_y,replacement3_x,"
               "replacement3_y,replacement4_x,replacement4_y");
     const std::vector<std::vector<int>> rows = readCsv(path("badpixels.csv"));
-    std::set<std::pair<int, int>> listed;
-    for (const std::vector<int>& row : rows) {
-        listed.insert({row[0], row[1]});
-    }
-    EXPECT_EQ(listed, planted.defects);
+    EXPECT_EQ(badPixelsOf(rows), planted.defects);
 
     const cv::Mat repaired = cv::imread(path("repaired.png").string(), cv::IMREAD_UNCHANGED);
     ASSERT_EQ(repaired.type(), CV_16U);
@@ -363,13 +372,9 @@ TEST_F(KelvoSrTool, BadPixelsTakesRawSignedImagesAndKnownDefects) {
     EXPECT_NE(withKnown.output.find("known: 2 more from known.csv"), std::string::npos)
         << withKnown.output;
     const std::vector<std::vector<int>> rows = readCsv(path("badpixels.csv"));
-    std::set<std::pair<int, int>> listed;
-    for (const std::vector<int>& row : rows) {
-        listed.insert({row[0], row[1]});
-    }
     std::set<std::pair<int, int>> expected = planted.defects;
     expected.insert({{20, 20}, {20, 21}});
-    EXPECT_EQ(listed, expected);
+    EXPECT_EQ(badPixelsOf(rows), expected);
     const cv::Mat repaired = cv::imread(path("repaired.tiff").string(), cv::IMREAD_UNCHANGED);
     ASSERT_EQ(repaired.type(), CV_16S);
     expectRepairedFromTable(rows, image, repaired);
@@ -391,13 +396,6 @@ TEST_F(KelvoSrTool, BadPixelsTakesRawSignedImagesAndKnownDefects) {
 TEST_F(KelvoSrTool, BadPixelsFailsClearly) {
     const PlantedImage planted = plantedImage();
     cv::imwrite(path("frame.png").string(), planted.image);
-    const auto expectFailure = [&](const std::string& arguments, const std::string& message,
-                                   int exitCode = 1) {
-        const ToolRun failed = run(arguments);
-        EXPECT_EQ(failed.exitCode, exitCode) << arguments << "\nprinted: " << failed.output;
-        EXPECT_NE(failed.output.find(message), std::string::npos)
-            << arguments << "\nprinted: " << failed.output;
-    };
     expectFailure("badpixels frame.png --capacity 4",
                   "More than 4 bad pixels: the table is full. Give a larger --capacity");
     expectFailure("badpixels nothing.png", "Cannot read 'nothing.png': no such file.");
