@@ -27,8 +27,9 @@ void cfftb(int n, float* data, float* tables, const int* factors);
 // Several transforms of one length at once: lane l of every element belongs to
 // transform l. Each lane goes through exactly the float operations of the single
 // transforms above, so the results agree bit for bit. `scratch` holds as many
-// elements as `data`; `twiddles` is the second half of the tables.
-constexpr int fftLaneCount = 8;
+// elements as `data`; `twiddles` is the second half of the tables. Four lanes fill one
+// 128-bit vector register; wider vectors than the target's registers run far slower.
+constexpr int fftLaneCount = 4;
 using FftLanes = float __attribute__((vector_size(fftLaneCount * sizeof(float))));
 
 void rfftfLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,

@@ -15,7 +15,7 @@ namespace kelvo::vision {
 // carries the 1 / (width * height).
 //
 // Rows go through the real transform, then every spectrum column through the complex
-// one; eight rows or columns are transformed at once, each with exactly the float
+// one; fftLaneCount of them are transformed at once, each with exactly the float
 // operations of a single transform. One instance serves one thread: the transforms
 // work in buffers of the instance and allocate nothing.
 class SrFloatFft2d {
