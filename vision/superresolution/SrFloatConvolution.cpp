@@ -5,12 +5,68 @@
 namespace kelvo::vision {
 
 namespace {
+
 // The vertical sample step of both sparse operators, whatever the factor.
 constexpr int kVerticalStep = 2;
+
+// target[c] += k * source[c]
+void addScaled(float* target, const float* source, float k, int count) {
+    for (int c = 0; c < count; ++c) {
+        target[c] += k * source[c];
+    }
+}
+
+// target[c] += mask[c] * source[c] * k, the mask byte read as a signed number
+void addMaskedScaled(float* target, const float* source, const char* mask, float k, int count) {
+    for (int c = 0; c < count; ++c) {
+        target[c] += static_cast<float>(static_cast<signed char>(mask[c])) * source[c] * k;
+    }
+}
+
+// phases[p * length + m] = row[p + step m] for every column of the row. Step is the
+// sample step when known at compile time (0: taken from `step`).
+template <int Step>
+void splitPhases(const float* row, int rowLength, int step, int length, float* phases) {
+    const int s = Step > 0 ? Step : step;
+    const int whole = rowLength / s;
+    for (int m = 0; m < whole; ++m) {
+        for (int p = 0; p < s; ++p) {
+            phases[p * length + m] = row[s * m + p];
+        }
+    }
+    for (int p = 0; whole * s + p < rowLength; ++p) {
+        phases[p * length + whole] = row[whole * s + p];
+    }
+}
+
+// The inverse of splitPhases: row[p + step m] = phases[p * length + m], or += when
+// accumulating.
+template <int Step, bool Accumulate>
+void mergePhases(const float* phases, int length, int step, int rowLength, float* row) {
+    const int s = Step > 0 ? Step : step;
+    const int whole = rowLength / s;
+    for (int m = 0; m < whole; ++m) {
+        for (int p = 0; p < s; ++p) {
+            if (Accumulate) {
+                row[s * m + p] += phases[p * length + m];
+            } else {
+                row[s * m + p] = phases[p * length + m];
+            }
+        }
+    }
+    for (int p = 0; whole * s + p < rowLength; ++p) {
+        if (Accumulate) {
+            row[whole * s + p] += phases[p * length + whole];
+        } else {
+            row[whole * s + p] = phases[p * length + whole];
+        }
+    }
+}
+
 }  // namespace
 
-SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth,
-                                       int kernelHeight, float factor)
+SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight,
+                                       float factor)
     : hrWidth(hrWidth),
       hrHeight(hrHeight),
       kernelWidth(kernelWidth),
@@ -18,66 +74,106 @@ SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidt
       fullWidth(hrWidth + kernelWidth - 1),
       fullHeight(hrHeight + kernelHeight - 1),
       factor(factor),
-      scratch(fullHeight, std::max(hrWidth, 1), CV_32F),
+      lrWidth(static_cast<int>(static_cast<float>(hrWidth) / factor)),
+      lrHeight(static_cast<int>(static_cast<float>(hrHeight) / factor)),
+      step(static_cast<int>(factor)),
+      phaseLength((fullWidth + step - 1) / step),
+      scratch(1, std::max(kernelHeight, 1) * lrWidth + step * phaseLength, CV_32F),
       scratchData(scratch.ptr<float>()) {}
+
+SrFloatConvolution::SrFloatConvolution(const SrFloatConvolution& other)
+    : SrFloatConvolution(other.hrWidth, other.hrHeight, other.kernelWidth, other.kernelHeight,
+                         other.factor) {}
+
+SrFloatConvolution& SrFloatConvolution::operator=(const SrFloatConvolution& other) {
+    hrWidth = other.hrWidth;
+    hrHeight = other.hrHeight;
+    kernelWidth = other.kernelWidth;
+    kernelHeight = other.kernelHeight;
+    fullWidth = other.fullWidth;
+    fullHeight = other.fullHeight;
+    factor = other.factor;
+    scratch.create(fullHeight, std::max(hrWidth, 1), CV_32F);
+    scratchData = scratch.ptr<float>();
+    return *this;
+}
 
 void SrFloatConvolution::fullConvFromSparse(float* const lowRes, float* const psfX,
                                             float* const psfY, char* mask, float* out) {
-    const int w = static_cast<int>(static_cast<float>(hrWidth) / factor);
-    const int h = static_cast<int>(static_cast<float>(hrHeight) / factor);
-    const int step = static_cast<int>(factor);
-    std::fill(out, out + fullHeight * fullWidth, 0.0f);
-    std::fill(scratchData, scratchData + fullHeight * w, 0.0f);
+    convolveFromSparse<false>(lowRes, psfX, psfY, mask, out);
+}
 
-    for (int i = 0; i < kernelHeight; ++i) {
-        const float k = psfY[i];
-        for (int r = 0; r < h; ++r) {
-            float* target = scratchData + (kVerticalStep * r + i) * w;
-            const float* pixel = lowRes + r * w;
-            const char* valid = mask + r * w;
-            for (int c = 0; c < w; ++c) {
-                target[c] += static_cast<float>(static_cast<signed char>(valid[c])) * pixel[c] * k;
+void SrFloatConvolution::accumulateFullConvFromSparse(float* const lowRes, float* const psfX,
+                                                      float* const psfY, char* mask, float* out) {
+    convolveFromSparse<true>(lowRes, psfX, psfY, mask, out);
+}
+
+// Row by row through the full image: the vertical taps landing on row t first
+// (column c of row t collects the frame rows r = (t - i) / 2 for taps i of the
+// parity of t, in ascending i), then the horizontal taps, split by output phase:
+// column x = p + F m collects taps j = p + F d from sparse column m - d, in
+// ascending d. Every element thus sees the tap order of the two passes taken
+// whole, while the rows being worked on stay in the first level cache.
+template <bool Accumulate>
+void SrFloatConvolution::convolveFromSparse(const float* lowRes, const float* psfX,
+                                            const float* psfY, const char* mask, float* out) {
+    float* vertical = scratchData;
+    float* phases = scratchData + lrWidth;
+    for (int t = 0; t < fullHeight; ++t) {
+        std::fill(vertical, vertical + lrWidth, 0.0f);
+        for (int i = t % kVerticalStep; i < kernelHeight && i <= t; i += kVerticalStep) {
+            const int r = (t - i) / kVerticalStep;
+            if (r < lrHeight) {
+                addMaskedScaled(vertical, lowRes + r * lrWidth, mask + r * lrWidth, psfY[i],
+                                lrWidth);
             }
         }
-    }
-    for (int j = 0; j < kernelWidth; ++j) {
-        const float k = psfX[j];
-        for (int t = 0; t < fullHeight; ++t) {
-            float* target = out + t * fullWidth + j;
-            const float* source = scratchData + t * w;
-            for (int c = 0; c < w; ++c) {
-                target[step * c] += k * source[c];
+        for (int phase = 0; phase < step; ++phase) {
+            float* target = phases + phase * phaseLength;
+            const int length = (fullWidth - phase + step - 1) / step;
+            std::fill(target, target + length, 0.0f);
+            for (int d = 0; phase + step * d < kernelWidth; ++d) {
+                addScaled(target + d, vertical, psfX[phase + step * d],
+                          std::min(lrWidth, length - d));
             }
+        }
+        float* row = out + t * fullWidth;
+        if (step == 2) {
+            mergePhases<2, Accumulate>(phases, phaseLength, 2, fullWidth, row);
+        } else {
+            mergePhases<0, Accumulate>(phases, phaseLength, step, fullWidth, row);
         }
     }
 }
 
+// Row by row: each row of the horizontal pass is computed once, into a ring of
+// kernelHeight rows, just before the first frame row that needs it; a frame row
+// then sums its kernelHeight rows of the ring tap by tap.
 void SrFloatConvolution::validCorrToSparse(float* const full, float* const psfX, float* const psfY,
                                            float* lowResOut) {
-    const int w = static_cast<int>(static_cast<float>(hrWidth) / factor);
-    const int h = static_cast<int>(static_cast<float>(hrHeight) / factor);
-    const int step = static_cast<int>(factor);
-    std::fill(lowResOut, lowResOut + h * w, 0.0f);
-    std::fill(scratchData, scratchData + fullHeight * w, 0.0f);
-
-    for (int j = 0; j < kernelWidth; ++j) {
-        const float k = psfX[j];
-        for (int t = 0; t < fullHeight; ++t) {
-            float* target = scratchData + t * w;
-            const float* source = full + t * fullWidth + j;
-            for (int c = 0; c < w; ++c) {
-                target[c] += k * source[step * c];
+    float* ring = scratchData;
+    float* phases = scratchData + kernelHeight * lrWidth;
+    int rowsDone = 0;
+    for (int r = 0; r < lrHeight; ++r) {
+        const int rowsNeeded = std::min(kVerticalStep * r + kernelHeight, fullHeight);
+        for (; rowsDone < rowsNeeded; ++rowsDone) {
+            const float* source = full + rowsDone * fullWidth;
+            if (step == 2) {
+                splitPhases<2>(source, fullWidth, 2, phaseLength, phases);
+            } else {
+                splitPhases<0>(source, fullWidth, step, phaseLength, phases);
+            }
+            float* target = ring + (rowsDone % kernelHeight) * lrWidth;
+            std::fill(target, target + lrWidth, 0.0f);
+            for (int j = 0; j < kernelWidth; ++j) {
+                addScaled(target, phases + (j % step) * phaseLength + j / step, psfX[j], lrWidth);
             }
         }
-    }
-    for (int i = 0; i < kernelHeight; ++i) {
-        const float k = psfY[i];
-        for (int r = 0; r < h; ++r) {
-            float* target = lowResOut + r * w;
-            const float* source = scratchData + (kVerticalStep * r + i) * w;
-            for (int c = 0; c < w; ++c) {
-                target[c] += k * source[c];
-            }
+        float* target = lowResOut + r * lrWidth;
+        std::fill(target, target + lrWidth, 0.0f);
+        for (int i = 0; i < kernelHeight && kVerticalStep * r + i < fullHeight; ++i) {
+            addScaled(target, ring + ((kVerticalStep * r + i) % kernelHeight) * lrWidth, psfY[i],
+                      lrWidth);
         }
     }
 }

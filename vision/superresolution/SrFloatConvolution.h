@@ -13,17 +13,24 @@ namespace kelvo::vision {
 //                        (H + ky - 1) x (W + kx - 1) pixels
 //
 // with F = (int)factor horizontally and a vertical step fixed at 2, so that the
-// pair stays an exact transpose for every factor. Sums run tap by tap, in float,
-// which fixes their rounding. Both operators work through one scratch buffer owned
-// by the instance, so an instance serves one thread.
+// pair stays an exact transpose for every factor. Sums run tap by tap in ascending
+// order, in float, starting from 0, which fixes their rounding. Both operators work
+// through one scratch buffer owned by the instance, so an instance serves one thread.
 class SrFloatConvolution {
 public:
     SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight, float factor);
+    // Copies get scratch storage of their own, so that copies may run on different threads.
+    SrFloatConvolution(const SrFloatConvolution& other);
+    SrFloatConvolution& operator=(const SrFloatConvolution& other);
 
     void fullConvFromSparse(float* const lowRes, float* const psfX, float* const psfY, char* mask,
                             float* out);
     void validCorrToSparse(float* const full, float* const psfX, float* const psfY,
                            float* lowResOut);
+    // out += H^T (m .* y): the same sums as fullConvFromSparse, each added to the
+    // element of out already there.
+    void accumulateFullConvFromSparse(float* const lowRes, float* const psfX, float* const psfY,
+                                      char* mask, float* out);
 
     // Box filter of side 2 radius + 1 whose window is clipped at the image border:
     // every output pixel is the mean of the input pixels inside both.
@@ -37,6 +44,10 @@ public:
     int getFullHeight() const { return fullHeight; }
 
 private:
+    template <bool Accumulate>
+    void convolveFromSparse(const float* lowRes, const float* psfX, const float* psfY,
+                            const char* mask, float* out);
+
     int hrWidth;
     int hrHeight;
     int kernelWidth;
@@ -44,6 +55,14 @@ private:
     int fullWidth;
     int fullHeight;
     float factor;
+    // Frame size w x h and horizontal sample step F derived from the above.
+    int lrWidth;
+    int lrHeight;
+    int step;
+    // Length of one phase row: the columns p, p + F, p + 2F, ... of a full row.
+    int phaseLength;
+    // The rows the operators work on: a ring of kernelHeight rows of w floats (or
+    // one such row) followed by the F phase rows.
     cv::Mat scratch;
     float* scratchData;
 };

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <memory>
 #include <opencv2/core.hpp>
 #include <vector>
 
@@ -26,8 +25,8 @@ public:
 
     // Writes the (int)(h f) x (int)(w f) result and returns the conjugate-gradient
     // iterations spent. The frames are normalised in place.
-    int minimize(int numFrames, int refIndex, float** const frames,
-                 cv::Point_<float>* const shifts, char** masks, float* result);
+    int minimize(int numFrames, int refIndex, float** const frames, cv::Point_<float>* const shifts,
+                 char** masks, float* result);
 
     float getPsfSigma() const { return psfSigma; }
     void setPsfSigma(float value);
@@ -49,6 +48,9 @@ private:
     void computeL();
     void gradient(float* const in, int numFrames, char** masks, float* out);
     bool iteration(int index, int numFrames, char** masks);
+    void applyStencil(const float* in, float* out) const;
+    float stencilAt(const float* in, int i) const;
+    float neighbourWeightSum(int i) const;
 
     int lrWidth;
     int lrHeight;
@@ -65,7 +67,7 @@ private:
     std::vector<float> basePsf;
     std::vector<std::vector<float>> psfX;
     std::vector<std::vector<float>> psfY;
-    std::unique_ptr<SrFloatConvolution> convolution;
+    SrFloatConvolution convolution;
     std::vector<float> lowResScratch;
     std::vector<float> convScratch;
     std::vector<float> rhs;

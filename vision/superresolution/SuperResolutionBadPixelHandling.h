@@ -28,7 +28,11 @@ public:
         kDefectAboveRange = 5,
     };
 
+    // A history length of 0 keeps no defect map; frames are still repaired.
     explicit SuperResolutionBadPixelHandling(unsigned int historyLength);
+    // Copies own their defect maps: the history recycles map storage in place.
+    SuperResolutionBadPixelHandling(const SuperResolutionBadPixelHandling& other);
+    SuperResolutionBadPixelHandling& operator=(const SuperResolutionBadPixelHandling& other);
 
     // Raw sensor counts have a wider valid range than temperatures.
     void setDataIsNUC(bool value);
@@ -41,7 +45,9 @@ public:
     // more than ten pixels cannot be repaired.
     int detectAndReplaceBadPixel(cv::Mat_<float>& frame);
 
-    // Extremes over the valid pixels; the first occurrence wins.
+    // Extremes over the valid pixels; the first occurrence wins. Without a valid pixel
+    // the values stay at the opposite ends of the valid range and the locations given
+    // are set to (-1, -1).
     void getMinMaxVal(const cv::Mat_<float>& image, float& minValue, float& maxValue,
                       cv::Point_<int>* minLocation, cv::Point_<int>* maxLocation) const;
 
@@ -56,6 +62,8 @@ public:
     static void colorBadPixel(const cv::Mat_<float>& image,
                               cv::Mat_<cv::Vec<unsigned char, 3>>& view);
 
+    // Oldest first. The storage of the oldest map is reused for the next frame once
+    // historyLength maps are held, so clone a map that must outlive the history.
     const std::vector<cv::Mat>& getDefectMaps() const { return defectMaps; }
 
 protected:
@@ -64,7 +72,16 @@ protected:
     bool getReplacementValue_(const cv::Mat_<float>& image, int x, int y, float& value) const;
 
 private:
+    struct Defect {
+        int x;
+        int y;
+        unsigned char code;
+    };
+
     bool isValid(float value) const;
+    unsigned char defectCode_(float value) const;
+    // The zeroed map the next frame's defects go to, or null when no map is kept.
+    cv::Mat* nextDefectMap_(cv::Size size);
 
     unsigned int historyLength;
     float validMin;
@@ -72,6 +89,9 @@ private:
     bool dataIsNUC;
     cv::Point_<int> neighbourOffsets[4];
     std::vector<cv::Mat> defectMaps;
+    // The defects of the frame being repaired, in row-major order; kept as a member so
+    // that its capacity serves all later frames.
+    std::vector<Defect> defects;
 };
 
 }  // namespace kelvo::vision

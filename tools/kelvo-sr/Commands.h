@@ -1,0 +1,50 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kelvo::tools {
+
+// Options shared by the commands that process the user's own frames.
+struct EngineOptions {
+    std::string cameraAndLensType;
+    int referenceIndex = 3;
+    std::string values = "auto";  // auto, temperature or counts
+    bool timings = false;
+};
+
+struct DemoOptions {
+    std::string outputFolder = "kelvo-sr-demo";
+    int width = 320;
+    int height = 256;
+    unsigned long seed = 7;
+    bool timings = false;
+};
+
+struct BurstCommandOptions {
+    std::vector<std::string> frames;
+    std::string rawSize;
+    std::string rawType;
+    std::string output = "superresolved.tiff";
+    std::string png;
+    std::string preview;
+    std::string compare;
+    std::vector<int> crop;  // x, y, width, height in result pixels; empty: the whole image
+    EngineOptions engine;
+};
+
+struct SequenceOptions {
+    std::string input;
+    std::string outputFolder = "kelvo-sr-sequence";
+    std::string rawSize;
+    std::string rawType;
+    bool previews = false;
+    EngineOptions engine;
+};
+
+// Each returns the process exit code; errors are reported on standard error.
+int runDemo(const DemoOptions& options);
+int runBurst(const BurstCommandOptions& options);
+int runSequence(const SequenceOptions& options);
+
+}  // namespace kelvo::tools
