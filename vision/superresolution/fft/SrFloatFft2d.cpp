@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstring>
 #include <stdexcept>
 
 #include "vision/superresolution/SrFloatMinimization.h"
@@ -36,76 +37,198 @@ SrFloatFft2d::SrFloatFft2d(int width, int height) : width(width), height(height)
     cffti(height, colTables.data(), colFactors.data());
 }
 
-void SrFloatFft2d::loadRows(const float* firstRow, int rowCount) {
-    for (int x = 0; x < width; ++x) {
-        FftLanes column = {};
-        for (int lane = 0; lane < rowCount; ++lane) {
-            column[lane] = firstRow[lane * width + x];
+// Lane data moves in 4 x 4 blocks: four vectors of four consecutive values from four
+// rows (or columns) become four vectors of one value from each.
+static_assert(fftLaneCount == 4, "the block moves below are written for four lanes");
+
+namespace {
+
+using LaneSelector = int __attribute__((vector_size(sizeof(FftLanes))));
+
+FftLanes loadLanes(const float* values) {
+    FftLanes lanes;
+    std::memcpy(&lanes, values, sizeof lanes);
+    return lanes;
+}
+
+void storeLanes(float* values, const FftLanes& lanes) {
+    std::memcpy(values, &lanes, sizeof lanes);
+}
+
+void transpose(FftLanes& a, FftLanes& b, FftLanes& c, FftLanes& d) {
+    const FftLanes ab01 = __builtin_shuffle(a, b, LaneSelector{0, 4, 1, 5});
+    const FftLanes ab23 = __builtin_shuffle(a, b, LaneSelector{2, 6, 3, 7});
+    const FftLanes cd01 = __builtin_shuffle(c, d, LaneSelector{0, 4, 1, 5});
+    const FftLanes cd23 = __builtin_shuffle(c, d, LaneSelector{2, 6, 3, 7});
+    a = __builtin_shuffle(ab01, cd01, LaneSelector{0, 1, 4, 5});
+    b = __builtin_shuffle(ab01, cd01, LaneSelector{2, 3, 6, 7});
+    c = __builtin_shuffle(ab23, cd23, LaneSelector{0, 1, 4, 5});
+    d = __builtin_shuffle(ab23, cd23, LaneSelector{2, 3, 6, 7});
+}
+
+// Four (re, im) pairs <-> one vector of real and one of imaginary parts.
+void loadPairs(const float (*pairs)[2], FftLanes& re, FftLanes& im) {
+    const FftLanes low = loadLanes(pairs[0]);
+    const FftLanes high = loadLanes(pairs[2]);
+    re = __builtin_shuffle(low, high, LaneSelector{0, 2, 4, 6});
+    im = __builtin_shuffle(low, high, LaneSelector{1, 3, 5, 7});
+}
+
+void storePairs(float* pairs, const FftLanes& re, const FftLanes& im) {
+    storeLanes(pairs, __builtin_shuffle(re, im, LaneSelector{0, 4, 1, 5}));
+    storeLanes(pairs + fftLaneCount, __builtin_shuffle(re, im, LaneSelector{2, 6, 3, 7}));
+}
+
+}  // namespace
+
+// laneData[x] = (row 0 [x], row 1 [x], row 2 [x], row 3 [x]) and back.
+void SrFloatFft2d::loadRows(const float* firstRow) {
+    const float* rows[fftLaneCount];
+    for (int lane = 0; lane < fftLaneCount; ++lane) {
+        rows[lane] = firstRow + lane * width;
+    }
+    int x = 0;
+    for (; x + fftLaneCount <= width; x += fftLaneCount) {
+        FftLanes a = loadLanes(rows[0] + x);
+        FftLanes b = loadLanes(rows[1] + x);
+        FftLanes c = loadLanes(rows[2] + x);
+        FftLanes d = loadLanes(rows[3] + x);
+        transpose(a, b, c, d);
+        laneData[x] = a;
+        laneData[x + 1] = b;
+        laneData[x + 2] = c;
+        laneData[x + 3] = d;
+    }
+    for (; x < width; ++x) {
+        for (int lane = 0; lane < fftLaneCount; ++lane) {
+            laneData[x][lane] = rows[lane][x];
         }
-        laneData[x] = column;
     }
 }
 
-void SrFloatFft2d::storeRows(float* firstRow, int rowCount) const {
-    for (int x = 0; x < width; ++x) {
-        const FftLanes column = laneData[x];
-        for (int lane = 0; lane < rowCount; ++lane) {
-            firstRow[lane * width + x] = column[lane];
+void SrFloatFft2d::storeRows(float* firstRow) const {
+    float* rows[fftLaneCount];
+    for (int lane = 0; lane < fftLaneCount; ++lane) {
+        rows[lane] = firstRow + lane * width;
+    }
+    int x = 0;
+    for (; x + fftLaneCount <= width; x += fftLaneCount) {
+        FftLanes a = laneData[x];
+        FftLanes b = laneData[x + 1];
+        FftLanes c = laneData[x + 2];
+        FftLanes d = laneData[x + 3];
+        transpose(a, b, c, d);
+        storeLanes(rows[0] + x, a);
+        storeLanes(rows[1] + x, b);
+        storeLanes(rows[2] + x, c);
+        storeLanes(rows[3] + x, d);
+    }
+    for (; x < width; ++x) {
+        for (int lane = 0; lane < fftLaneCount; ++lane) {
+            rows[lane][x] = laneData[x][lane];
         }
     }
 }
 
-void SrFloatFft2d::gatherColumns(const float (*spectrum)[2], int firstColumn, int columnCount) {
+// Packed row spectra of four rows in laneData -> rows of the half spectrum:
+// X[0], (Re X[k], Im X[k]) for k = 1 .. half - 1, X[half].
+void SrFloatFft2d::storeRowSpectra(float (*firstRow)[2]) const {
+    const int columns = width / 2 + 1;
+    const int half = width / 2;
+    float(*rows[fftLaneCount])[2];
+    for (int lane = 0; lane < fftLaneCount; ++lane) {
+        rows[lane] = firstRow + lane * columns;
+        rows[lane][0][0] = laneData[0][lane];
+        rows[lane][0][1] = 0.0f;
+        rows[lane][half][0] = laneData[width - 1][lane];
+        rows[lane][half][1] = 0.0f;
+    }
+    int k = 1;
+    for (; k + 1 < half; k += 2) {
+        FftLanes re = laneData[2 * k - 1];
+        FftLanes im = laneData[2 * k];
+        FftLanes nextRe = laneData[2 * k + 1];
+        FftLanes nextIm = laneData[2 * k + 2];
+        transpose(re, im, nextRe, nextIm);
+        storeLanes(rows[0][k], re);
+        storeLanes(rows[1][k], im);
+        storeLanes(rows[2][k], nextRe);
+        storeLanes(rows[3][k], nextIm);
+    }
+    for (; k < half; ++k) {
+        for (int lane = 0; lane < fftLaneCount; ++lane) {
+            rows[lane][k][0] = laneData[2 * k - 1][lane];
+            rows[lane][k][1] = laneData[2 * k][lane];
+        }
+    }
+}
+
+// laneData[2 y], laneData[2 y + 1] = real and imaginary parts of four spectrum columns.
+void SrFloatFft2d::loadColumns(const float (*spectrum)[2], int firstColumn) {
     const int columns = width / 2 + 1;
     for (int y = 0; y < height; ++y) {
-        const float(*row)[2] = spectrum + y * columns + firstColumn;
-        FftLanes re = {};
-        FftLanes im = {};
-        for (int lane = 0; lane < columnCount; ++lane) {
-            re[lane] = row[lane][0];
-            im[lane] = row[lane][1];
-        }
-        laneData[2 * y] = re;
-        laneData[2 * y + 1] = im;
+        loadPairs(spectrum + y * columns + firstColumn, laneData[2 * y], laneData[2 * y + 1]);
+    }
+}
+
+// One spectrum column as a packed row value: column 0 and column half are real.
+void SrFloatFft2d::storePackedColumn(int column, int y, float re, float im, float* image) const {
+    float* row = image + y * width;
+    if (column == 0) {
+        row[0] = re;
+    } else if (column == width / 2) {
+        row[width - 1] = re;
+    } else {
+        row[2 * column - 1] = re;
+        row[2 * column] = im;
     }
 }
 
 void SrFloatFft2d::forward(const float* image, float (*spectrum)[2]) {
     const int columns = width / 2 + 1;
     const int half = width / 2;
+    const int laneRows = height - height % fftLaneCount;
+    const int laneColumns = columns - columns % fftLaneCount;
     const float* rowTwiddles = rowTables.data() + width;
     const float* colTwiddles = colTables.data() + 2 * height;
 
-    for (int y0 = 0; y0 < height; y0 += fftLaneCount) {
-        const int rowCount = std::min(fftLaneCount, height - y0);
-        loadRows(image + y0 * width, rowCount);
+    for (int y0 = 0; y0 < laneRows; y0 += fftLaneCount) {
+        loadRows(image + y0 * width);
         rfftfLanes(width, laneData.data(), laneScratch.data(), rowTwiddles, rowFactors.data());
-        // Packed row spectrum: X[0], (Re X[k], Im X[k]) for k = 1 .. half - 1, X[half].
-        for (int lane = 0; lane < rowCount; ++lane) {
-            float(*out)[2] = spectrum + (y0 + lane) * columns;
-            out[0][0] = laneData[0][lane];
-            out[0][1] = 0.0f;
-            for (int k = 1; k < half; ++k) {
-                out[k][0] = laneData[2 * k - 1][lane];
-                out[k][1] = laneData[2 * k][lane];
-            }
-            out[half][0] = laneData[width - 1][lane];
-            out[half][1] = 0.0f;
+        storeRowSpectra(spectrum + y0 * columns);
+    }
+    float* line = scratch.data();
+    for (int y = laneRows; y < height; ++y) {
+        std::copy(image + y * width, image + (y + 1) * width, line);
+        rfftf(width, line, rowTables.data(), rowFactors.data());
+        float(*out)[2] = spectrum + y * columns;
+        out[0][0] = line[0];
+        out[0][1] = 0.0f;
+        for (int k = 1; k < half; ++k) {
+            out[k][0] = line[2 * k - 1];
+            out[k][1] = line[2 * k];
         }
+        out[half][0] = line[width - 1];
+        out[half][1] = 0.0f;
     }
 
-    for (int k0 = 0; k0 < columns; k0 += fftLaneCount) {
-        const int columnCount = std::min(fftLaneCount, columns - k0);
-        gatherColumns(spectrum, k0, columnCount);
+    for (int k0 = 0; k0 < laneColumns; k0 += fftLaneCount) {
+        loadColumns(spectrum, k0);
         cfftfLanes(height, laneData.data(), laneScratch.data(), colTwiddles, colFactors.data());
         for (int y = 0; y < height; ++y) {
-            float(*row)[2] = spectrum + y * columns + k0;
-            const FftLanes re = laneData[2 * y];
-            const FftLanes im = laneData[2 * y + 1];
-            for (int lane = 0; lane < columnCount; ++lane) {
-                row[lane][0] = re[lane];
-                row[lane][1] = im[lane];
-            }
+            storePairs(spectrum[y * columns + k0], laneData[2 * y], laneData[2 * y + 1]);
+        }
+    }
+    float* column = scratch.data() + width;
+    for (int k = laneColumns; k < columns; ++k) {
+        for (int y = 0; y < height; ++y) {
+            column[2 * y] = spectrum[y * columns + k][0];
+            column[2 * y + 1] = spectrum[y * columns + k][1];
+        }
+        cfftf(height, column, colTables.data(), colFactors.data());
+        for (int y = 0; y < height; ++y) {
+            spectrum[y * columns + k][0] = column[2 * y];
+            spectrum[y * columns + k][1] = column[2 * y + 1];
         }
     }
 }
@@ -113,38 +236,47 @@ void SrFloatFft2d::forward(const float* image, float (*spectrum)[2]) {
 void SrFloatFft2d::backward(const float (*spectrum)[2], float* image) {
     const int columns = width / 2 + 1;
     const int half = width / 2;
+    const int laneRows = height - height % fftLaneCount;
+    const int laneColumns = columns - columns % fftLaneCount;
     const float* rowTwiddles = rowTables.data() + width;
     const float* colTwiddles = colTables.data() + 2 * height;
 
     // Columns back into packed row spectra. The imaginary parts of columns 0 and half
     // are zero for a real image and are dropped.
-    for (int k0 = 0; k0 < columns; k0 += fftLaneCount) {
-        const int columnCount = std::min(fftLaneCount, columns - k0);
-        gatherColumns(spectrum, k0, columnCount);
+    for (int k0 = 0; k0 < laneColumns; k0 += fftLaneCount) {
+        loadColumns(spectrum, k0);
         cfftbLanes(height, laneData.data(), laneScratch.data(), colTwiddles, colFactors.data());
+        const bool inner = k0 > 0 && k0 + fftLaneCount - 1 < half;
         for (int y = 0; y < height; ++y) {
-            float* row = image + y * width;
-            const FftLanes re = laneData[2 * y];
-            const FftLanes im = laneData[2 * y + 1];
-            for (int lane = 0; lane < columnCount; ++lane) {
-                const int k = k0 + lane;
-                if (k == 0) {
-                    row[0] = re[lane];
-                } else if (k == half) {
-                    row[width - 1] = re[lane];
-                } else {
-                    row[2 * k - 1] = re[lane];
-                    row[2 * k] = im[lane];
+            if (inner) {
+                storePairs(image + y * width + 2 * k0 - 1, laneData[2 * y], laneData[2 * y + 1]);
+            } else {
+                for (int lane = 0; lane < fftLaneCount; ++lane) {
+                    storePackedColumn(k0 + lane, y, laneData[2 * y][lane],
+                                      laneData[2 * y + 1][lane], image);
                 }
             }
         }
     }
+    float* column = scratch.data() + width;
+    for (int k = laneColumns; k < columns; ++k) {
+        for (int y = 0; y < height; ++y) {
+            column[2 * y] = spectrum[y * columns + k][0];
+            column[2 * y + 1] = spectrum[y * columns + k][1];
+        }
+        cfftb(height, column, colTables.data(), colFactors.data());
+        for (int y = 0; y < height; ++y) {
+            storePackedColumn(k, y, column[2 * y], column[2 * y + 1], image);
+        }
+    }
 
-    for (int y0 = 0; y0 < height; y0 += fftLaneCount) {
-        const int rowCount = std::min(fftLaneCount, height - y0);
-        loadRows(image + y0 * width, rowCount);
+    for (int y0 = 0; y0 < laneRows; y0 += fftLaneCount) {
+        loadRows(image + y0 * width);
         rfftbLanes(width, laneData.data(), laneScratch.data(), rowTwiddles, rowFactors.data());
-        storeRows(image + y0 * width, rowCount);
+        storeRows(image + y0 * width);
+    }
+    for (int y = laneRows; y < height; ++y) {
+        rfftb(width, image + y * width, rowTables.data(), rowFactors.data());
     }
 }
 

@@ -15,9 +15,9 @@ namespace kelvo::vision {
 // carries the 1 / (width * height).
 //
 // Rows go through the real transform, then every spectrum column through the complex
-// one; fftLaneCount of them are transformed at once, each with exactly the float
-// operations of a single transform. One instance serves one thread: the transforms
-// work in buffers of the instance and allocate nothing.
+// one; fftLaneCount of them are transformed at once (the rest one by one), each with
+// exactly the float operations of a single transform. One instance serves one thread: the
+// transforms work in buffers of the instance and allocate nothing.
 class SrFloatFft2d {
 public:
     // Throws std::invalid_argument unless width is even and positive and height is
@@ -46,9 +46,11 @@ public:
 
 private:
     void checkRadius(int radius) const;
-    void loadRows(const float* firstRow, int rowCount);
-    void storeRows(float* firstRow, int rowCount) const;
-    void gatherColumns(const float (*spectrum)[2], int firstColumn, int columnCount);
+    void loadRows(const float* firstRow);
+    void storeRows(float* firstRow) const;
+    void storeRowSpectra(float (*firstRow)[2]) const;
+    void loadColumns(const float (*spectrum)[2], int firstColumn);
+    void storePackedColumn(int column, int y, float re, float im, float* image) const;
     void convolveRowCircular(const float* row, const float* kernel, int radius, float* out) const;
     void convolveColumnZeroPadded(const float* image, int column, const float* kernel, int radius,
                                   float* out);
