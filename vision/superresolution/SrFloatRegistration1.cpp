@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <stdexcept>
 
 namespace kelvo::vision {
 
@@ -20,10 +21,17 @@ float (*pairs(std::vector<float>& values))[2] {
     return reinterpret_cast<float(*)[2]>(values.data());
 }
 
+int checkedFrameCount(int frameCount) {
+    if (frameCount < 1) {
+        throw std::invalid_argument("SrFloatRegistration1 needs room for at least one frame");
+    }
+    return frameCount;
+}
+
 }  // namespace
 
 SrFloatRegistration1::SrFloatRegistration1(int width, int height, int frameCount)
-    : SrFloatRegistrationBase(width, height, frameCount),
+    : SrFloatRegistrationBase(width, height, checkedFrameCount(frameCount)),
       spectrumLength((width / 2 + 1) * height),
       spectrumSlots(frameCount, std::vector<float>(2 * spectrumLength, 0.0f)),
       fft(width, height),
@@ -36,7 +44,8 @@ SrFloatRegistration1::SrFloatRegistration1(int width, int height, int frameCount
 }
 
 void SrFloatRegistration1::setGaussRadius(int radius) {
-    const float sigma = std::sqrt(3.0f * static_cast<float>(radius * radius) / 25.0f);
+    const float side = static_cast<float>(radius);
+    const float sigma = std::sqrt(3.0f * (side * side) / 25.0f);
     std::vector<float> table(std::max(radius, 0) + 1);
     fft.gaussFft(radius, sigma, pairs(gaussSpectrum), table.data());
     gaussTable = std::move(table);

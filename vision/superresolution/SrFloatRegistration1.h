@@ -14,8 +14,9 @@ namespace kelvo::vision {
 // Lucas-Kanade step of SrFloatRegistrationBase::opticalFlow on frames blurred in the
 // frequency domain (Gaussian of radius gaussRadius, wrap-around removed).
 //
-// Needs an even width, and 2 gaussRadius + 1 no larger than width and height; the
-// constructor and setGaussRadius throw std::invalid_argument otherwise.
+// Needs an even width, at least one frame slot, and 2 gaussRadius + 1 no larger than
+// width and height; the constructor and setGaussRadius throw std::invalid_argument
+// otherwise.
 class SrFloatRegistration1 : public SrFloatRegistrationBase {
 public:
     SrFloatRegistration1(int width, int height, int frameCount);

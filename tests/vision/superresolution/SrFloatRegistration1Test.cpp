@@ -283,6 +283,7 @@ TEST(SrFloatRegistration1, GaussRadiusSetsTheBlurOfBothImages) {
     EXPECT_EQ(registration.getGaussTable(), std::vector<float>{1.0f});
     EXPECT_THROW(SrFloatRegistration1(41, 30, 2), std::invalid_argument);
     EXPECT_THROW(SrFloatRegistration1(40, 10, 2), std::invalid_argument);
+    EXPECT_THROW(SrFloatRegistration1(40, 30, 0), std::invalid_argument);
 }
 
 // Bad frames must never crash registration: non-finite values spread through the

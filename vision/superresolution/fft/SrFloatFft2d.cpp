@@ -288,8 +288,8 @@ void SrFloatFft2d::checkRadius(int radius) const {
 
 void SrFloatFft2d::gaussFft(int radius, float sigma, float (*spectrum)[2], float* kernel) {
     checkRadius(radius);
-    if (!(sigma >= 0.0f)) {
-        throw std::invalid_argument("Gaussian sigma must not be negative");
+    if (!(sigma >= 0.0f) || std::isinf(sigma)) {
+        throw std::invalid_argument("Gaussian sigma must be finite and not negative");
     }
 
     // k[i] = (erf((i + 1/2) c) - erf((i - 1/2) c)) / 2, c = 1 / (sqrt(2) sigma): the

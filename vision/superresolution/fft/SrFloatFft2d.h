@@ -35,7 +35,7 @@ public:
     // 1 / (width * height); the taps are left in `kernel` (radius + 1 floats). A blur is
     // then forward, a pointwise complex product with this spectrum, backward: the
     // circular convolution with the kernel. Throws std::invalid_argument for a negative
-    // or NaN sigma, a negative radius, or 2 radius + 1 beyond width or height.
+    // or non-finite sigma, a negative radius, or 2 radius + 1 beyond width or height.
     void gaussFft(int radius, float sigma, float (*spectrum)[2], float* kernel);
 
     // Turns the circular blur of `input` into the linear one in which pixels outside the

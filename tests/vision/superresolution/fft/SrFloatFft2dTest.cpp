@@ -291,6 +291,7 @@ TEST(SrFloatFft2d, RejectsUnsupportedSizesAndRadii) {
     EXPECT_THROW(fft.gaussFft(-1, 1.0f, pairs(gauss), kernel.data()), std::invalid_argument);
     EXPECT_THROW(fft.gaussFft(2, -1.0f, pairs(gauss), kernel.data()), std::invalid_argument);
     EXPECT_THROW(fft.gaussFft(2, NAN, pairs(gauss), kernel.data()), std::invalid_argument);
+    EXPECT_THROW(fft.gaussFft(2, INFINITY, pairs(gauss), kernel.data()), std::invalid_argument);
     std::vector<float> image(160, 1.0f);
     EXPECT_THROW(fft.repairGaussBlur(image.data(), image.data(), 5, kernel.data()),
                  std::invalid_argument);
