@@ -180,50 +180,54 @@ int SrFloatRegistration2::registerWithCorners(unsigned int referenceIndex, unsig
     if (refCorners.empty()) {
         return kNoTrackedCorner;
     }
+    // Only the tracked positions and their status are used, not the tracking error.
     trackedCorners.clear();
     cv::calcOpticalFlowPyrLK(framePyramids[referenceIndex], framePyramids[frameIndex], refCorners,
-                             trackedCorners, trackStatus, trackError,
+                             trackedCorners, trackStatus, cv::noArray(),
                              cv::Size(trackWindowSize, trackWindowSize), kPyramidLevels,
                              cv::TermCriteria(cv::TermCriteria::COUNT + cv::TermCriteria::EPS,
                                               kTrackIterations, kTrackEpsilon),
                              0, kTrackMinEigenvalue);
 
     cornerDisplacements.clear();
-    displacementsX.clear();
-    displacementsY.clear();
     for (size_t i = 0; i < trackStatus.size(); ++i) {
         if (trackStatus[i] != 0) {
-            const cv::Point_<float> moved = trackedCorners[i] - refCorners[i];
-            cornerDisplacements.push_back(moved);
-            displacementsX.push_back(moved.x);
-            displacementsY.push_back(moved.y);
+            cornerDisplacements.push_back(trackedCorners[i] - refCorners[i]);
         }
     }
     if (cornerDisplacements.empty()) {
         return kNoTrackedCorner;
     }
+    displacement = consensusDisplacement(cornerDisplacements);
+    return 0;
+}
 
-    // Per-component medians (the upper middle value for an even count), then the
-    // mean of the displacements close to both.
-    const size_t middle = cornerDisplacements.size() / 2;
+cv::Point_<int> SrFloatRegistration2::consensusDisplacement(
+    const std::vector<cv::Point_<float>>& displacements) {
+    displacementsX.clear();
+    displacementsY.clear();
+    for (const cv::Point_<float>& moved : displacements) {
+        displacementsX.push_back(moved.x);
+        displacementsY.push_back(moved.y);
+    }
+    const size_t middle = displacements.size() / 2;
     std::nth_element(displacementsX.begin(), displacementsX.begin() + middle, displacementsX.end());
     std::nth_element(displacementsY.begin(), displacementsY.begin() + middle, displacementsY.end());
     const cv::Point_<float> median(displacementsX[middle], displacementsY[middle]);
     cv::Point_<float> sum(0.0f, 0.0f);
     int inliers = 0;
-    for (const cv::Point_<float>& moved : cornerDisplacements) {
+    for (const cv::Point_<float>& moved : displacements) {
         if (std::fabs(moved.x - median.x) < kInlierDistance &&
             std::fabs(moved.y - median.y) < kInlierDistance) {
             sum += moved;
             ++inliers;
         }
     }
-    if (inliers > 0) {
-        const float reciprocal = 1.0f / static_cast<float>(inliers);
-        displacement =
-            cv::Point_<int>(roundHalfUp(sum.x * reciprocal), roundHalfUp(sum.y * reciprocal));
+    if (inliers == 0) {
+        return cv::Point_<int>(0, 0);
     }
-    return 0;
+    const float reciprocal = 1.0f / static_cast<float>(inliers);
+    return cv::Point_<int>(roundHalfUp(sum.x * reciprocal), roundHalfUp(sum.y * reciprocal));
 }
 
 void SrFloatRegistration2::initialize(char** masks, int referenceIndex) {

@@ -42,6 +42,13 @@ public:
     float getRangeLow() const { return rangeLow; }
     float getRangeHigh() const { return rangeHigh; }
 
+protected:
+    // The whole-pixel start from the displacements of the tracked corners (at least
+    // one): per-component medians (the upper middle value for an even count), the
+    // mean of the displacements within 2 pixels of both medians, rounded with halves
+    // upward; (0, 0) when no displacement is that close to both.
+    cv::Point_<int> consensusDisplacement(const std::vector<cv::Point_<float>>& displacements);
+
 private:
     int registerFrames(int frameCount, int referenceIndex, const float* const* frames,
                        cv::Point_<float>* shifts, char** masks);
@@ -65,7 +72,6 @@ private:
     cv::Mat eightBitFrame;
     std::vector<cv::Point_<float>> trackedCorners;
     std::vector<unsigned char> trackStatus;
-    std::vector<float> trackError;
     std::vector<cv::Point_<float>> cornerDisplacements;
     std::vector<float> displacementsX;
     std::vector<float> displacementsY;

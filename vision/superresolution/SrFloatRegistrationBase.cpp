@@ -1,6 +1,7 @@
 #include "vision/superresolution/SrFloatRegistrationBase.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 
@@ -11,6 +12,15 @@ namespace kelvo::vision {
 namespace {
 
 constexpr char kTooLargeDisplacement[] = "Too large displacement";
+
+// Sums of float products are kept in double, split over interleaved partial sums so
+// that consecutive additions do not wait on each other.
+constexpr int kLanes = 4;
+using DoubleLanes = std::array<double, kLanes>;
+
+double total(const DoubleLanes& lanes) {
+    return (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+}
 
 // floor(value + 0.5), saturated at +-limit. A NaN saturates as well: a shift that
 // cannot be represented leaves no overlap with the reference.
@@ -67,17 +77,27 @@ void SrFloatRegistrationBase::getCompleteShifts(std::vector<cv::Point_<float>>& 
 
 SrFloatRegistrationBase::GradientSums SrFloatRegistrationBase::sumGradientProducts(
     const cv::Rect& region) const {
-    GradientSums sums;
+    DoubleLanes xx{};
+    DoubleLanes xy{};
+    DoubleLanes yy{};
     for (int y = region.y; y < region.y + region.height; ++y) {
-        const float* gx = refGradX.data() + y * width;
-        const float* gy = refGradY.data() + y * width;
-        for (int x = region.x; x < region.x + region.width; ++x) {
-            sums.xx += gx[x] * gx[x];
-            sums.xy += gx[x] * gy[x];
-            sums.yy += gy[x] * gy[x];
+        const float* gx = refGradX.data() + y * width + region.x;
+        const float* gy = refGradY.data() + y * width + region.x;
+        int x = 0;
+        for (; x + kLanes <= region.width; x += kLanes) {
+            for (int lane = 0; lane < kLanes; ++lane) {
+                xx[lane] += gx[x + lane] * gx[x + lane];
+                xy[lane] += gx[x + lane] * gy[x + lane];
+                yy[lane] += gy[x + lane] * gy[x + lane];
+            }
+        }
+        for (; x < region.width; ++x) {
+            xx[0] += gx[x] * gx[x];
+            xy[0] += gx[x] * gy[x];
+            yy[0] += gy[x] * gy[x];
         }
     }
-    return sums;
+    return {total(xx), total(xy), total(yy)};
 }
 
 void SrFloatRegistrationBase::computeReferenceGradients(const float* reference) {
@@ -147,20 +167,30 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
     const double syy = static_cast<double>(sumGyy) - border.yy;
 
     // b = sum over the overlap of (F - R) (gx, gy).
-    double bx = 0.0;
-    double by = 0.0;
+    DoubleLanes mismatchX{};
+    DoubleLanes mismatchY{};
     for (int j = 0; j < inReference.height; ++j) {
         const int referenceRow = (inReference.y + j) * width + inReference.x;
         const float* r = reference + referenceRow;
         const float* f = frame + (inFrame.y + j) * width + inFrame.x;
         const float* gx = refGradX.data() + referenceRow;
         const float* gy = refGradY.data() + referenceRow;
-        for (int i = 0; i < inReference.width; ++i) {
+        int i = 0;
+        for (; i + kLanes <= inReference.width; i += kLanes) {
+            for (int lane = 0; lane < kLanes; ++lane) {
+                const float mismatch = f[i + lane] - r[i + lane];
+                mismatchX[lane] += mismatch * gx[i + lane];
+                mismatchY[lane] += mismatch * gy[i + lane];
+            }
+        }
+        for (; i < inReference.width; ++i) {
             const float mismatch = f[i] - r[i];
-            bx += mismatch * gx[i];
-            by += mismatch * gy[i];
+            mismatchX[0] += mismatch * gx[i];
+            mismatchY[0] += mismatch * gy[i];
         }
     }
+    const double bx = total(mismatchX);
+    const double by = total(mismatchY);
 
     // u = -M^-1 b with M = [[Sxx, Sxy], [Sxy, Syy]].
     const double det = syy * sxx - sxy * sxy;
@@ -229,9 +259,6 @@ void SrFloatRegistrationBase::shiftFramesOntoReference(int frameCount, const flo
     if (completeShifts.size() < static_cast<size_t>(frameCount)) {
         completeShifts.resize(frameCount);
     }
-    for (int k = 0; k < frameCount; ++k) {
-        std::copy(frames[k], frames[k] + pixelCount, shiftedFrames[k]);
-    }
     // The frame height bounds both components, also the horizontal one. A NaN
     // shift fails the test as well.
     const float half = static_cast<float>(height / 2);
@@ -239,6 +266,10 @@ void SrFloatRegistrationBase::shiftFramesOntoReference(int frameCount, const flo
         const cv::Point_<float> shift = shifts[k];
         completeShifts[k] = shift;
         if (!(-half < shift.x && shift.x < half && -half < shift.y && shift.y < half)) {
+            // The frames not shifted yet are handed back as copies.
+            for (int rest = k; rest < frameCount; ++rest) {
+                std::copy(frames[rest], frames[rest] + pixelCount, shiftedFrames[rest]);
+            }
             throw Exception(kTooLargeDisplacement, throwSite.text() + "\n");
         }
         shiftFrame(frames[k], shifts[k], shiftedFrames[k]);

@@ -53,7 +53,9 @@ protected:
     //   u = -M^-1 b,  M = [[Sxx, Sxy], [Sxy, Syy]],  b = sum (F - R) (gx, gy),
     // with M's overlap sums obtained from the whole-image sums minus two border strips.
     // The normalised squared residual of the linearised model, mean filtered, marks
-    // the mask's valid pixels (below regError). Returns s0 + u.
+    // the mask's valid pixels (below regError); the mask is only ever set to 1, so
+    // the caller clears it first. The gradients and sums must be those of
+    // computeReferenceGradients(reference). Returns s0 + u.
     cv::Point_<float> opticalFlow(const float* reference, const float* frame, cv::Point_<int> start,
                                   char* mask);
 

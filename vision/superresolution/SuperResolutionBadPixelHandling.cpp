@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "platform/kelvo/Exception.h"
+#include "platform/kelvo/NeonLanes.h"
 
 namespace kelvo::vision {
 
@@ -29,6 +30,9 @@ constexpr int kMaskRadius = 3;
 // The result is this many times larger than a frame.
 constexpr float kMagnification = 2.0f;
 constexpr float kReduction = 0.5f;
+
+// The result is searched for markers in runs of this many pixels, most of which hold none.
+constexpr int kMarkerScanChunk = 16;
 
 unsigned int bitsOf(float value) {
     unsigned int bits;
@@ -56,6 +60,26 @@ bool isRefilledMarker(unsigned int bits) {
            bits == SuperResolutionBadPixelHandling::kMarkerDefect;
 }
 
+// Branch-free tests that let runs of pixels be skipped; the compiler vectorises them.
+bool anyNonZero(const unsigned char* codes, int count) {
+    unsigned int any = 0;
+    for (int i = 0; i < count; ++i) {
+        any |= codes[i];
+    }
+    return any != 0;
+}
+
+// True when some value has bits 129 to 132, as every refilled marker has.
+bool anyRefilledMarkerCandidate(const float* values, int count) {
+    unsigned int any = 0;
+    for (int i = 0; i < count; ++i) {
+        any |= bitsOf(values[i]) - SuperResolutionBadPixelHandling::kMarkerMaximum <=
+               SuperResolutionBadPixelHandling::kMarkerDefect -
+                   SuperResolutionBadPixelHandling::kMarkerMaximum;
+    }
+    return any != 0;
+}
+
 unsigned int markerOfDefectCode(unsigned char code) {
     switch (code) {
         case SuperResolutionBadPixelHandling::kDefectMinimumMarker:
@@ -65,6 +89,76 @@ unsigned int markerOfDefectCode(unsigned char code) {
         default:
             return SuperResolutionBadPixelHandling::kMarkerDefect;
     }
+}
+
+// Running extremes of the valid values, four columns at a time: lane k sees the columns
+// k, k + 4, k + 8, ... of every row. Validity as in isValid: within [low, high] (which
+// NaN never is) and no marker.
+class ExtremeLanes {
+public:
+    static constexpr int kWidth = 4;
+
+    ExtremeLanes(float validMin, float validMax)
+        : low(vdupq_n_f32(validMin)),
+          high(vdupq_n_f32(validMax)),
+          lowest(vdupq_n_f32(validMax)),
+          highest(vdupq_n_f32(validMin)) {}
+
+    // Takes the first `columns` values of a row (a multiple of the width); true when one
+    // of them is not valid.
+    bool fold(const float* row, int columns) {
+        const uint32x4_t firstMarker = vdupq_n_u32(SuperResolutionBadPixelHandling::kMarkerMaximum);
+        const uint32x4_t markerSpan =
+            vdupq_n_u32(SuperResolutionBadPixelHandling::kMarkerDefectAlternative -
+                        SuperResolutionBadPixelHandling::kMarkerMaximum);
+        const uint32x4_t ordinary = vdupq_n_u32(kOrdinaryBetweenMarkers);
+        uint32x4_t anyInvalid = vdupq_n_u32(0);
+        for (int x = 0; x < columns; x += kWidth) {
+            const float32x4_t value = vld1q_f32(row + x);
+            const uint32x4_t bits = vreinterpretq_u32_f32(value);
+            const uint32x4_t marker = vbicq_u32(vcleq_u32(vsubq_u32(bits, firstMarker), markerSpan),
+                                                vceqq_u32(bits, ordinary));
+            const uint32x4_t valid =
+                vbicq_u32(vandq_u32(vcgeq_f32(value, low), vcleq_f32(value, high)), marker);
+            lowest = vbslq_f32(vandq_u32(valid, vcltq_f32(value, lowest)), value, lowest);
+            highest = vbslq_f32(vandq_u32(valid, vcgtq_f32(value, highest)), value, highest);
+            anyInvalid = vorrq_u32(anyInvalid, vmvnq_u32(valid));
+        }
+        return (vgetq_lane_u32(anyInvalid, 0) | vgetq_lane_u32(anyInvalid, 1) |
+                vgetq_lane_u32(anyInvalid, 2) | vgetq_lane_u32(anyInvalid, 3)) != 0;
+    }
+
+    void merge(float& minValue, float& maxValue) const {
+        float lowestLanes[kWidth];
+        float highestLanes[kWidth];
+        vst1q_f32(lowestLanes, lowest);
+        vst1q_f32(highestLanes, highest);
+        for (int k = 0; k < kWidth; ++k) {
+            minValue = lowestLanes[k] < minValue ? lowestLanes[k] : minValue;
+            maxValue = highestLanes[k] > maxValue ? highestLanes[k] : maxValue;
+        }
+    }
+
+private:
+    // The one bit pattern between the markers that is an ordinary value.
+    static constexpr unsigned int kOrdinaryBetweenMarkers = 131;
+
+    float32x4_t low;
+    float32x4_t high;
+    float32x4_t lowest;
+    float32x4_t highest;
+};
+
+float firstZero(const cv::Mat_<float>& image) {
+    for (int y = 0; y < image.rows; ++y) {
+        const float* row = image[y];
+        for (int x = 0; x < image.cols; ++x) {
+            if (row[x] == 0.0f) {
+                return row[x];
+            }
+        }
+    }
+    return 0.0f;
 }
 
 }  // namespace
@@ -215,35 +309,56 @@ cv::Mat* SuperResolutionBadPixelHandling::nextDefectMap_(cv::Size size) {
     return &recycled;
 }
 
-int SuperResolutionBadPixelHandling::detectAndReplaceBadPixel(cv::Mat_<float>& frame) {
-    cv::Mat* defectMap = nextDefectMap_(frame.size());
-
-    // One pass finds the extremes of the valid pixels and the defects. Repairing each
-    // defect in row-major order afterwards is the same as repairing it where it is met:
-    // a repair changes only the defect itself, which the extremes never include.
-    float minValue = validMax;
-    float maxValue = validMin;
+void SuperResolutionBadPixelHandling::scanFrame_(const cv::Mat_<float>& frame, cv::Mat* defectMap,
+                                                 float& minValue, float& maxValue) {
     defects.clear();
+    ExtremeLanes lanes(validMin, validMax);
+    const int laneColumns = frame.cols - frame.cols % ExtremeLanes::kWidth;
     for (int y = 0; y < frame.rows; ++y) {
         const float* row = frame[y];
+        bool rowHasDefect = lanes.fold(row, laneColumns);
+        for (int x = laneColumns; x < frame.cols; ++x) {
+            if (isValid(row[x])) {
+                minValue = row[x] < minValue ? row[x] : minValue;
+                maxValue = row[x] > maxValue ? row[x] : maxValue;
+            } else {
+                rowHasDefect = true;
+            }
+        }
+        if (!rowHasDefect) {
+            continue;
+        }
         for (int x = 0; x < frame.cols; ++x) {
-            const float value = row[x];
-            if (isValid(value)) {
-                if (value > maxValue) {
-                    maxValue = value;
-                }
-                if (value < minValue) {
-                    minValue = value;
-                }
+            if (isValid(row[x])) {
                 continue;
             }
-            const unsigned char code = defectCode_(value);
+            const unsigned char code = defectCode_(row[x]);
             defects.push_back({x, y, code});
             if (defectMap != nullptr) {
                 defectMap->at<unsigned char>(y, x) = code;
             }
         }
     }
+    lanes.merge(minValue, maxValue);
+    // The lanes see the pixels in another order than a row-major scan, which matters only
+    // between +0 and -0: of equal extremes the first one met wins.
+    if (minValue == 0.0f) {
+        minValue = firstZero(frame);
+    }
+    if (maxValue == 0.0f) {
+        maxValue = firstZero(frame);
+    }
+}
+
+int SuperResolutionBadPixelHandling::detectAndReplaceBadPixel(cv::Mat_<float>& frame) {
+    cv::Mat* defectMap = nextDefectMap_(frame.size());
+
+    // Repairing each defect in row-major order after the scan is the same as repairing it
+    // where the scan meets it: a repair changes only the defect itself, which the
+    // extremes never include.
+    float minValue = validMax;
+    float maxValue = validMin;
+    scanFrame_(frame, defectMap, minValue, maxValue);
 
     int status = 0;
     int unrepairable = 0;
@@ -299,11 +414,11 @@ void SuperResolutionBadPixelHandling::maskBadPixel(cv::Mat_<float>& result,
     }
     for (size_t i = 0; i < defectMaps.size(); ++i) {
         const cv::Mat& defectMap = defectMaps[i];
-        if (defectMap.empty() || cv::countNonZero(defectMap) == 0) {
-            continue;
-        }
         for (int y = 0; y < defectMap.rows; ++y) {
             const unsigned char* codes = defectMap.ptr<unsigned char>(y);
+            if (!anyNonZero(codes, defectMap.cols)) {
+                continue;
+            }
             for (int x = 0; x < defectMap.cols; ++x) {
                 if (codes[x] == 0) {
                     continue;
@@ -350,36 +465,50 @@ void SuperResolutionBadPixelHandling::replaceMaskedPixel(
     const size_t frameCount = std::min({shifts.size(), frames.size(), defectMaps.size()});
     for (int y = 0; y < result.rows; ++y) {
         float* row = result[y];
-        for (int x = 0; x < result.cols; ++x) {
-            if (!isRefilledMarker(bitsOf(row[x]))) {
+        for (int start = 0; start < result.cols; start += kMarkerScanChunk) {
+            const int end = std::min(start + kMarkerScanChunk, result.cols);
+            if (!anyRefilledMarkerCandidate(row + start, end - start)) {
                 continue;
             }
-            // Mean of the good frame pixels this result pixel falls on.
-            float sum = 0.0f;
-            int count = 0;
-            for (size_t i = 0; i < frameCount; ++i) {
-                const cv::Mat_<float>& frame = frames[i];
-                const cv::Mat& defectMap = defectMaps[i];
-                const float frameX = std::trunc(kReduction * static_cast<float>(x) + shifts[i].x);
-                const float frameY = std::trunc(kReduction * static_cast<float>(y) + shifts[i].y);
-                if (!(frameX >= 0.0f && frameY >= 0.0f &&
-                      frameX < static_cast<float>(std::min(frame.cols, defectMap.cols)) &&
-                      frameY < static_cast<float>(std::min(frame.rows, defectMap.rows)))) {
-                    continue;
+            for (int x = start; x < end; ++x) {
+                float mean = 0.0f;
+                if (isRefilledMarker(bitsOf(row[x])) &&
+                    meanOfGoodFramePixels_(x, y, shifts, frames, frameCount, mean)) {
+                    row[x] = mean;
                 }
-                const int column = static_cast<int>(frameX);
-                const int line = static_cast<int>(frameY);
-                if (defectMap.at<unsigned char>(line, column) != 0) {
-                    continue;
-                }
-                sum += frame(line, column);
-                ++count;
-            }
-            if (count > 0) {
-                row[x] = sum / static_cast<float>(count);
             }
         }
     }
+}
+
+bool SuperResolutionBadPixelHandling::meanOfGoodFramePixels_(
+    int x, int y, const std::vector<cv::Point_<float>>& shifts,
+    const std::vector<cv::Mat_<float>>& frames, size_t frameCount, float& mean) const {
+    float sum = 0.0f;
+    int count = 0;
+    for (size_t i = 0; i < frameCount; ++i) {
+        const cv::Mat_<float>& frame = frames[i];
+        const cv::Mat& defectMap = defectMaps[i];
+        const float frameX = std::trunc(kReduction * static_cast<float>(x) + shifts[i].x);
+        const float frameY = std::trunc(kReduction * static_cast<float>(y) + shifts[i].y);
+        if (!(frameX >= 0.0f && frameY >= 0.0f &&
+              frameX < static_cast<float>(std::min(frame.cols, defectMap.cols)) &&
+              frameY < static_cast<float>(std::min(frame.rows, defectMap.rows)))) {
+            continue;
+        }
+        const int column = static_cast<int>(frameX);
+        const int line = static_cast<int>(frameY);
+        if (defectMap.at<unsigned char>(line, column) != 0) {
+            continue;
+        }
+        sum += frame(line, column);
+        ++count;
+    }
+    if (count == 0) {
+        return false;
+    }
+    mean = sum / static_cast<float>(count);
+    return true;
 }
 
 void SuperResolutionBadPixelHandling::colorBadPixel(const cv::Mat_<float>& image,

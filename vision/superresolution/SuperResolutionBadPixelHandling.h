@@ -51,14 +51,19 @@ public:
     void getMinMaxVal(const cv::Mat_<float>& image, float& minValue, float& maxValue,
                       cv::Point_<int>* minLocation, cv::Point_<int>* maxLocation) const;
 
-    // Writes marker bits into the 7 x 7 result block around every stored defect.
+    // Writes marker bits into the 7 x 7 result block around every stored defect, placed
+    // at twice its position minus its frame's shift. Throws kelvo::Exception unless there
+    // is one shift per stored defect map.
     void maskBadPixel(cv::Mat_<float>& result, const std::vector<cv::Point_<float>>& shifts);
 
-    // Refills marked result pixels with the mean of the good frame pixels they map to.
+    // Refills marked result pixels with the mean of the good frame pixels they map to;
+    // frames and shifts pair with the stored defect maps in order, as far as all three
+    // reach. Throws kelvo::Exception when no defect map is stored.
     void replaceMaskedPixel(cv::Mat_<float>& result, const std::vector<cv::Point_<float>>& shifts,
                             const std::vector<cv::Mat_<float>>& frames);
 
-    // Paints 129 markers red and 130 markers blue into a colour view of the image.
+    // Paints 129 markers red and 130 markers blue into a colour view of the image, as far
+    // as both extend.
     static void colorBadPixel(const cv::Mat_<float>& image,
                               cv::Mat_<cv::Vec<unsigned char, 3>>& view);
 
@@ -80,6 +85,15 @@ private:
 
     bool isValid(float value) const;
     unsigned char defectCode_(float value) const;
+    // Lists the defects of the frame in row-major order, writing their codes into the map
+    // when one is given, and lowers minValue and raises maxValue to the valid extremes.
+    void scanFrame_(const cv::Mat_<float>& frame, cv::Mat* defectMap, float& minValue,
+                    float& maxValue);
+    // Mean of the pixels of the first frameCount frames under result pixel (x, y) that
+    // their defect maps mark good; false when there is none.
+    bool meanOfGoodFramePixels_(int x, int y, const std::vector<cv::Point_<float>>& shifts,
+                                const std::vector<cv::Mat_<float>>& frames, size_t frameCount,
+                                float& mean) const;
     // The zeroed map the next frame's defects go to, or null when no map is kept.
     cv::Mat* nextDefectMap_(cv::Size size);
 

@@ -26,16 +26,27 @@ inline cv::Mat_<float> makeDoubleSizeTexture(int width, int height, uint64 seed,
 }
 
 // The texture decimated by 2 (mean of 2 x 2 blocks) after moving its content by
-// `shift` frame pixels, so that frame(p + shift) = reference(p).
+// `shift` frame pixels, so that frame(p + shift) = reference(p). Lanczos rather than
+// cubic interpolation: cubic blurs fractional positions enough to bias a measured
+// shift by a few hundredths of a pixel.
 inline cv::Mat_<float> makeShiftedFrame(const cv::Mat_<float>& doubleSize, cv::Point2f shift) {
     const cv::Matx23d move(1.0, 0.0, 2.0 * shift.x, 0.0, 1.0, 2.0 * shift.y);
     cv::Mat_<float> moved;
-    cv::warpAffine(doubleSize, moved, move, doubleSize.size(), cv::INTER_CUBIC,
+    cv::warpAffine(doubleSize, moved, move, doubleSize.size(), cv::INTER_LANCZOS4,
                    cv::BORDER_REFLECT_101);
     cv::Mat_<float> frame;
     cv::resize(moved, frame, cv::Size(doubleSize.cols / 2, doubleSize.rows / 2), 0.0, 0.0,
                cv::INTER_AREA);
     return frame;
+}
+
+// The same, cut `margin` pixels in from every side of a larger scene, so that the
+// content moved into the frame is scene rather than border extrapolation.
+inline cv::Mat_<float> cutShiftedFrame(const cv::Mat_<float>& doubleSizeScene, cv::Point2f shift,
+                                       int margin) {
+    const cv::Mat_<float> frame = makeShiftedFrame(doubleSizeScene, shift);
+    return frame(cv::Rect(margin, margin, frame.cols - 2 * margin, frame.rows - 2 * margin))
+        .clone();
 }
 
 }  // namespace kelvo::vision::testing
