@@ -8,6 +8,7 @@
 #include "tools/simulator/BurstSimulator.h"
 #include "tools/simulator/ImageQuality.h"
 #include "vision/superresolution/SrFloat.h"
+#include "vision/superresolution/SrFloatRegistration1.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
 
 namespace {
@@ -37,18 +38,20 @@ Burst burstFor(int width, int height, std::uint64_t seed = 11) {
 }
 
 // Configured as the C interface configures it.
-void configure(Engine& engine) {
+template <class EngineType>
+void configure(EngineType& engine) {
     engine.setReferenceIndex(3);
     engine.setWeightTV(400.0f);
     engine.setRegError(0.0001f);
     engine.setRelativeResidue(0.007f);
 }
 
+template <class EngineType>
 void BM_ComputeSR(benchmark::State& state) {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
     const Burst burst = burstFor(width, height);
-    Engine engine(width, height, 5, 2.0f);
+    EngineType engine(width, height, 5, 2.0f);
     configure(engine);
     for (const auto& frame : burst.frames) {
         engine.addFrame(frame);
@@ -109,7 +112,9 @@ void sensorSizes(benchmark::internal::Benchmark* benchmark) {
     benchmark->Unit(benchmark::kMillisecond);
 }
 
-BENCHMARK(BM_ComputeSR)->Apply(sensorSizes);
+BENCHMARK_TEMPLATE(BM_ComputeSR, Engine)->Apply(sensorSizes);
+BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloat<kelvo::vision::SrFloatRegistration1>)
+    ->Apply(sensorSizes);
 BENCHMARK(BM_Registration)->Apply(sensorSizes);
 BENCHMARK(BM_AddFrame)->Apply(sensorSizes);
 

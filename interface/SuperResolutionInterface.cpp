@@ -52,6 +52,11 @@ void setError(const std::string& message) {
     lastErrorMessage() = message;
 }
 
+int rejectInvalidContext() {
+    setError("Context invalid.");
+    return SR_ERROR;
+}
+
 ContextRecord* liveRecord(int handle) {
     std::vector<ContextRecord>& table = contextTable();
     if (handle < 0 || handle >= static_cast<int>(table.size()) || !table[handle].engine) {
@@ -182,8 +187,7 @@ int SuperResolution_init(int width, int height) {
 int SuperResolution_addImage(int handle, const float* image) {
     ContextRecord* record = liveRecord(handle);
     if (record == nullptr) {
-        setError("Context invalid.");
-        return SR_ERROR;
+        return rejectInvalidContext();
     }
     if (record->width == 0 || record->height == 0) {
         setError("Size of expected Ir images unknown");
@@ -225,8 +229,7 @@ int SuperResolution_addImage(int handle, const float* image) {
 int SuperResolution_setReferenceFrame(int handle, int index) {
     ContextRecord* record = liveRecord(handle);
     if (record == nullptr) {
-        setError("Context invalid.");
-        return SR_ERROR;
+        return rejectInvalidContext();
     }
     // An index outside the window throws the engine's message (a C string) on to the host.
     record->engine->setReferenceIndex(index);
@@ -236,8 +239,7 @@ int SuperResolution_setReferenceFrame(int handle, int index) {
 int SuperResolution_setCameraAndLensType(int handle, const char* cameraAndLensType) {
     ContextRecord* record = liveRecord(handle);
     if (record == nullptr) {
-        setError("Context invalid.");
-        return SR_ERROR;
+        return rejectInvalidContext();
     }
     const std::string text = cameraAndLensType != nullptr ? cameraAndLensType : "";
     record->engine->setPsfSigma(psfSigmaOf(parseCameraType(text)));
@@ -247,8 +249,7 @@ int SuperResolution_setCameraAndLensType(int handle, const char* cameraAndLensTy
 int SuperResolution_queryOutputImageSize(int handle, int* width, int* height) {
     ContextRecord* record = liveRecord(handle);
     if (record == nullptr) {
-        setError("Context invalid.");
-        return SR_ERROR;
+        return rejectInvalidContext();
     }
     return guarded([record, width, height] {
         int status = SR_OK;
@@ -270,8 +271,7 @@ int SuperResolution_queryOutputImageSize(int handle, int* width, int* height) {
 int SuperResolution_getSuperresolutionImage(int handle, float* output) {
     ContextRecord* record = liveRecord(handle);
     if (record == nullptr) {
-        setError("Context invalid.");
-        return SR_ERROR;
+        return rejectInvalidContext();
     }
     if (output == nullptr) {
         setError("Ir mosaic data pointer is NULL.");
@@ -300,8 +300,7 @@ int SuperResolution_getErrorMessage(char* buffer, int size) {
 int SuperResolution_release(int handle) {
     ContextRecord* record = liveRecord(handle);
     if (record == nullptr) {
-        setError("Context invalid.");
-        return SR_ERROR;
+        return rejectInvalidContext();
     }
     record->engine.reset();
     record->outputImage.release();

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "platform/kelvo/StopWatch.h"
+#include "vision/superresolution/SrFloatRegistration1.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
 
 namespace kelvo::vision {
@@ -345,6 +346,7 @@ void SrFloat<Registration>::getCompleteShifts(std::vector<cv::Point_<float>>& ou
     registration.getCompleteShifts(out);
 }
 
+template class SrFloat<SrFloatRegistration1>;
 template class SrFloat<SrFloatRegistration2>;
 
 }  // namespace kelvo::vision
