@@ -169,6 +169,14 @@ SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidt
       runRows(std::max(kernelWidth, kernelHeight)),
       runTaps(std::max(kernelWidth, kernelHeight)) {}
 
+SrFloatConvolution::SrFloatConvolution(const SrFloatConvolution& other)
+    : SrFloatConvolution(other.hrWidth, other.hrHeight, other.kernelWidth, other.kernelHeight,
+                         other.factor) {}
+
+SrFloatConvolution& SrFloatConvolution::operator=(const SrFloatConvolution& other) {
+    return *this = SrFloatConvolution(other);
+}
+
 void SrFloatConvolution::fullConvFromSparse(float* const lowRes, float* const psfX,
                                             float* const psfY, char* mask, float* out) {
     convolveFromSparse<false>(1, &lowRes, &psfX, &psfY, &mask, out, 0, fullHeight);

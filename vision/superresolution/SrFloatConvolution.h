@@ -20,6 +20,11 @@ namespace kelvo::vision {
 class SrFloatConvolution {
 public:
     SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight, float factor);
+    // Copies get scratch storage of their own, so that copies may run on different threads.
+    SrFloatConvolution(const SrFloatConvolution& other);
+    SrFloatConvolution& operator=(const SrFloatConvolution& other);
+    SrFloatConvolution(SrFloatConvolution&& other) = default;
+    SrFloatConvolution& operator=(SrFloatConvolution&& other) = default;
 
     void fullConvFromSparse(float* const lowRes, float* const psfX, float* const psfY, char* mask,
                             float* out);

@@ -131,10 +131,13 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
       basePsf(psfSize),
       psfX(maxFrames, std::vector<float>(psfSize)),
       psfY(maxFrames, std::vector<float>(psfSize)),
-      convolution(std::make_unique<SrFloatConvolution>(
-          static_cast<int>(static_cast<float>(lrWidth) * factor),
-          static_cast<int>(static_cast<float>(lrHeight) * factor), psfSize, psfSize, factor)),
+      psfXTable(maxFrames),
+      psfYTable(maxFrames),
+      convolution(static_cast<int>(static_cast<float>(lrWidth) * factor),
+                  static_cast<int>(static_cast<float>(lrHeight) * factor), psfSize, psfSize,
+                  factor),
       lowResScratch(maxFrames, std::vector<float>(static_cast<size_t>(lrWidth) * lrHeight)),
+      lowResTable(maxFrames),
       rhs(fullSize),
       estimate(fullSize),
       weightRight(fullSize),
@@ -144,11 +147,6 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
       residual(fullSize),
       direction(fullSize),
       operatorDirection(fullSize) {
-    for (int k = 0; k < maxFrames; ++k) {
-        psfXTable.push_back(psfX[k].data());
-        psfYTable.push_back(psfY[k].data());
-        lowResTable.push_back(lowResScratch[k].data());
-    }
     setPsfSigma(0.683f);
     setWeightTV(400.0f);
     setEpsilon(0.1f);
@@ -209,10 +207,15 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
         }
     }
 
+    for (int k = 0; k < maxFrames; ++k) {
+        psfXTable[k] = psfX[k].data();
+        psfYTable[k] = psfY[k].data();
+        lowResTable[k] = lowResScratch[k].data();
+    }
     generatePsfs(numFrames, shifts);
     std::fill(rhs.begin(), rhs.end(), 0.0f);
-    convolution->accumulateFullConvFromSparse(numFrames, frames, psfXTable.data(), psfYTable.data(),
-                                              masks, rhs.data(), 0, fullHeight);
+    convolution.accumulateFullConvFromSparse(numFrames, frames, psfXTable.data(), psfYTable.data(),
+                                             masks, rhs.data(), 0, fullHeight);
     const float* b = rhs.data();
     invRhsNorm2 = static_cast<float>(
         1.0 / sumInLanes(fullSize, [&](int i) { return static_cast<double>(b[i] * b[i]); }));
@@ -437,12 +440,12 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames,
             prepareRows(prepared * fullWidth, rowsRead * fullWidth);
             prepared = rowsRead;
         }
-        convolution->validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
-                                       lowResTable.data(), lowResDone, lowResNeeded);
+        convolution.validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
+                                      lowResTable.data(), lowResDone, lowResNeeded);
         lowResDone = std::max(lowResDone, lowResNeeded);
         applyStencil(in, first * fullWidth, end * fullWidth, out);
-        convolution->accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
-                                                  psfYTable.data(), masks, out, first, end);
+        convolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
+                                                 psfYTable.data(), masks, out, first, end);
         finishRows(first * fullWidth, end * fullWidth);
     }
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <memory>
 #include <opencv2/core.hpp>
 #include <vector>
 
@@ -71,10 +70,11 @@ private:
     std::vector<float> basePsf;
     std::vector<std::vector<float>> psfX;
     std::vector<std::vector<float>> psfY;
-    // The tables of the per-frame buffers, as the convolution takes them.
+    // The tables of the per-frame buffers, as the convolution takes them; filled by
+    // each minimize, so that they point into the object's own buffers after a copy.
     std::vector<const float*> psfXTable;
     std::vector<const float*> psfYTable;
-    std::unique_ptr<SrFloatConvolution> convolution;
+    SrFloatConvolution convolution;
     // H_k x of every frame within one operator application.
     std::vector<std::vector<float>> lowResScratch;
     std::vector<float*> lowResTable;

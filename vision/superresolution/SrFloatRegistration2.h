@@ -14,13 +14,21 @@ namespace kelvo::vision {
 class SrFloatRegistration2 : public SrFloatRegistrationBase {
 public:
     SrFloatRegistration2(int width, int height, int frameCount);
+    // A copy owns copies of the prepared frames and pyramids; scratch space is not
+    // shared with the original.
+    SrFloatRegistration2(const SrFloatRegistration2& other);
+    SrFloatRegistration2(SrFloatRegistration2&&) = default;
+    SrFloatRegistration2& operator=(const SrFloatRegistration2& other);
+    SrFloatRegistration2& operator=(SrFloatRegistration2&&) = default;
 
     // Blurs the frame, converts it to 8 bits over a range that changes only when a
     // frame leaves it, and builds its optical-flow pyramid into the newest slot.
     void prepareFrame(const float* frame);
 
-    // 0, or -9 when no reference corner could be tracked into some frame. Throws
-    // kelvo::Exception "Too large displacement".
+    // 0, or -9 when no reference corner could be tracked into some frame (also when
+    // the reference or one of the frameCount frames was never prepared). Throws
+    // kelvo::Exception "Too large displacement". `masks` must hold one mask per
+    // buffer slot.
     int doRegistration(int frameCount, int referenceIndex, const float* const* frames,
                        cv::Point_<float>* shifts, char** masks, float** shiftedFrames);
 
@@ -33,6 +41,13 @@ public:
     const std::vector<cv::Point_<float>>& getRefCorners() const { return refCorners; }
     float getRangeLow() const { return rangeLow; }
     float getRangeHigh() const { return rangeHigh; }
+
+protected:
+    // The whole-pixel start from the displacements of the tracked corners (at least
+    // one): per-component medians (the upper middle value for an even count), the
+    // mean of the displacements within 2 pixels of both medians, rounded with halves
+    // upward; (0, 0) when no displacement is that close to both.
+    cv::Point_<int> consensusDisplacement(const std::vector<cv::Point_<float>>& displacements);
 
 private:
     int registerFrames(int frameCount, int referenceIndex, const float* const* frames,
@@ -52,7 +67,15 @@ private:
     float rangeScale = 0.0f;
     float rangeOffset = 0.0f;
     cv::Mat_<float> scaledFrame;
+    // One 8-bit buffer serves every slot: the pyramid copies it into its own,
+    // bordered level 0 (a plain matrix is never reused as the pyramid base).
     cv::Mat eightBitFrame;
+    std::vector<cv::Point_<float>> trackedCorners;
+    std::vector<unsigned char> trackStatus;
+    std::vector<cv::Point_<float>> cornerDisplacements;
+    std::vector<float> displacementsX;
+    std::vector<float> displacementsY;
+    std::vector<cv::Point_<float>> frameShifts;
 };
 
 }  // namespace kelvo::vision

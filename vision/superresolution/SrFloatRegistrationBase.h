@@ -27,6 +27,11 @@ namespace kelvo::vision {
 class SrFloatRegistrationBase {
 public:
     SrFloatRegistrationBase(int width, int height, int frameCount);
+    // A copy has its own buffers; scratch space is not shared with the original.
+    SrFloatRegistrationBase(const SrFloatRegistrationBase& other);
+    SrFloatRegistrationBase(SrFloatRegistrationBase&&) = default;
+    SrFloatRegistrationBase& operator=(const SrFloatRegistrationBase& other);
+    SrFloatRegistrationBase& operator=(SrFloatRegistrationBase&&) = default;
 
     float getRegError() const { return regError; }
     void setRegError(float value) { regError = value; }
@@ -48,7 +53,9 @@ protected:
     //   u = -M^-1 b,  M = [[Sxx, Sxy], [Sxy, Syy]],  b = sum (F - R) (gx, gy),
     // with M's overlap sums obtained from the whole-image sums minus two border strips.
     // The normalised squared residual of the linearised model, mean filtered, marks
-    // the mask's valid pixels (below regError). Returns s0 + u.
+    // the mask's valid pixels (below regError); the mask is only ever set to 1, so
+    // the caller clears it first. The gradients and sums must be those of
+    // computeReferenceGradients(reference). Returns s0 + u.
     cv::Point_<float> opticalFlow(const float* reference, const float* frame, cv::Point_<int> start,
                                   char* mask);
 
@@ -63,6 +70,25 @@ protected:
     void shiftFramesOntoReference(int frameCount, const float* const* frames,
                                   cv::Point_<float>* shifts, float** shiftedFrames,
                                   const SourceLocation& throwSite);
+
+    struct GradientSums {
+        double xx = 0.0;
+        double xy = 0.0;
+        double yy = 0.0;
+    };
+    // The reference grid split for an integer shift s: the overlap in the reference
+    // and in the frame (pixel for pixel), and the two strips of the reference that
+    // the frame does not cover (rows, then columns). Shifts of the whole frame size
+    // or more leave an empty overlap.
+    struct Overlap {
+        cv::Rect reference;
+        cv::Rect frame;
+        cv::Rect rowStrip;
+        cv::Rect columnStrip;
+    };
+    Overlap overlapOf(cv::Point_<int> shift) const;
+    // Sums of gx gx, gx gy, gy gy over a region of the reference gradients.
+    GradientSums sumGradientProducts(const cv::Rect& region) const;
 
     int width;
     int height;

@@ -28,7 +28,11 @@ public:
         kDefectAboveRange = 5,
     };
 
+    // A history length of 0 keeps no defect map; frames are still repaired.
     explicit SuperResolutionBadPixelHandling(unsigned int historyLength);
+    // Copies own their defect maps: the history recycles map storage in place.
+    SuperResolutionBadPixelHandling(const SuperResolutionBadPixelHandling& other);
+    SuperResolutionBadPixelHandling& operator=(const SuperResolutionBadPixelHandling& other);
 
     // Raw sensor counts have a wider valid range than temperatures.
     void setDataIsNUC(bool value);
@@ -41,21 +45,30 @@ public:
     // more than ten pixels cannot be repaired.
     int detectAndReplaceBadPixel(cv::Mat_<float>& frame);
 
-    // Extremes over the valid pixels; the first occurrence wins.
+    // Extremes over the valid pixels; the first occurrence wins. Without a valid pixel
+    // the values stay at the opposite ends of the valid range and the locations given
+    // are set to (-1, -1).
     void getMinMaxVal(const cv::Mat_<float>& image, float& minValue, float& maxValue,
                       cv::Point_<int>* minLocation, cv::Point_<int>* maxLocation) const;
 
-    // Writes marker bits into the 7 x 7 result block around every stored defect.
+    // Writes marker bits into the 7 x 7 result block around every stored defect, placed
+    // at twice its position minus its frame's shift. Throws kelvo::Exception unless there
+    // is one shift per stored defect map.
     void maskBadPixel(cv::Mat_<float>& result, const std::vector<cv::Point_<float>>& shifts);
 
-    // Refills marked result pixels with the mean of the good frame pixels they map to.
+    // Refills marked result pixels with the mean of the good frame pixels they map to;
+    // frames and shifts pair with the stored defect maps in order, as far as all three
+    // reach. Throws kelvo::Exception when no defect map is stored.
     void replaceMaskedPixel(cv::Mat_<float>& result, const std::vector<cv::Point_<float>>& shifts,
                             const std::vector<cv::Mat_<float>>& frames);
 
-    // Paints 129 markers red and 130 markers blue into a colour view of the image.
+    // Paints 129 markers red and 130 markers blue into a colour view of the image, as far
+    // as both extend.
     static void colorBadPixel(const cv::Mat_<float>& image,
                               cv::Mat_<cv::Vec<unsigned char, 3>>& view);
 
+    // Oldest first. The storage of the oldest map is reused for the next frame once
+    // historyLength maps are held, so clone a map that must outlive the history.
     const std::vector<cv::Mat>& getDefectMaps() const { return defectMaps; }
 
 protected:
@@ -64,7 +77,25 @@ protected:
     bool getReplacementValue_(const cv::Mat_<float>& image, int x, int y, float& value) const;
 
 private:
+    struct Defect {
+        int x;
+        int y;
+        unsigned char code;
+    };
+
     bool isValid(float value) const;
+    unsigned char defectCode_(float value) const;
+    // Lists the defects of the frame in row-major order, writing their codes into the map
+    // when one is given, and lowers minValue and raises maxValue to the valid extremes.
+    void scanFrame_(const cv::Mat_<float>& frame, cv::Mat* defectMap, float& minValue,
+                    float& maxValue);
+    // Mean of the pixels of the first frameCount frames under result pixel (x, y) that
+    // their defect maps mark good; false when there is none.
+    bool meanOfGoodFramePixels_(int x, int y, const std::vector<cv::Point_<float>>& shifts,
+                                const std::vector<cv::Mat_<float>>& frames, size_t frameCount,
+                                float& mean) const;
+    // The zeroed map the next frame's defects go to, or null when no map is kept.
+    cv::Mat* nextDefectMap_(cv::Size size);
 
     unsigned int historyLength;
     float validMin;
@@ -72,6 +103,9 @@ private:
     bool dataIsNUC;
     cv::Point_<int> neighbourOffsets[4];
     std::vector<cv::Mat> defectMaps;
+    // The defects of the frame being repaired, in row-major order; kept as a member so
+    // that its capacity serves all later frames.
+    std::vector<Defect> defects;
 };
 
 }  // namespace kelvo::vision

@@ -235,6 +235,28 @@ TEST(SrFloatMinimization, MatchesThePlainAlgorithmBitForBit) {
     EXPECT_GE(mostRestarts, 3);
 }
 
+// Copies work on buffers of their own: a copy, and an object assigned from another,
+// reconstruct exactly as the original does while the original works on other frames.
+TEST(SrFloatMinimization, CopiesReconstructOnTheirOwnBuffers) {
+    const Burst burst = randomBurst(16, 12, 5, 3, 12);
+    const Burst other = randomBurst(16, 12, 5, 1, 13);
+    SrFloatMinimization original(16, 12, 5, 2.0f);
+    original.setMaxIter(4);
+    std::vector<float> expected;
+    runOptimised(original, burst, 3, expected);
+    SrFloatMinimization copy(original);
+    SrFloatMinimization assigned(8, 6, 2, 3.0f);
+    assigned = original;
+    std::vector<float> unused;
+    runOptimised(original, other, 1, unused);
+    std::vector<float> fromCopy;
+    std::vector<float> fromAssigned;
+    runOptimised(copy, burst, 3, fromCopy);
+    runOptimised(assigned, burst, 3, fromAssigned);
+    EXPECT_EQ(fromCopy, expected);
+    EXPECT_EQ(fromAssigned, expected);
+}
+
 TEST(SrFloatMinimization, RestartsShareTheIterationBudget) {
     const Burst burst = randomBurst(20, 16, 5, 3, 7);
     SrFloatMinimization minimization(20, 16, 5, 2.0f);

@@ -1,0 +1,121 @@
+// Whole-pass and registration timings, and the quality gain over bicubic upscaling,
+// at the input sizes of common thermal sensors. Single-threaded.
+#include <benchmark/benchmark.h>
+
+#include <iostream>
+#include <sstream>
+
+#include "tools/simulator/BurstSimulator.h"
+#include "tools/simulator/ImageQuality.h"
+#include "vision/superresolution/SrFloat.h"
+#include "vision/superresolution/SrFloatRegistration1.h"
+#include "vision/superresolution/SrFloatRegistration2.h"
+
+namespace {
+
+using kelvo::tools::Burst;
+using kelvo::tools::BurstOptions;
+using kelvo::tools::BurstSimulator;
+using kelvo::tools::ImageQuality;
+using Engine = kelvo::vision::SrFloat<kelvo::vision::SrFloatRegistration2>;
+
+// The engine prints its timing lines on every pass; keep them out of the table.
+class SilencedStandardOutput {
+public:
+    SilencedStandardOutput() : saved(std::cout.rdbuf(sink.rdbuf())) {}
+    ~SilencedStandardOutput() { std::cout.rdbuf(saved); }
+
+private:
+    std::ostringstream sink;
+    std::streambuf* saved;
+};
+
+Burst burstFor(int width, int height, std::uint64_t seed = 11) {
+    BurstOptions options;
+    options.referenceFrame = 1;
+    options.seed = seed;
+    return BurstSimulator(options).simulate(cv::Size(2 * width, 2 * height));
+}
+
+// Configured as the C interface configures it.
+template <class EngineType>
+void configure(EngineType& engine) {
+    engine.setReferenceIndex(3);
+    engine.setWeightTV(400.0f);
+    engine.setRegError(0.0001f);
+    engine.setRelativeResidue(0.007f);
+}
+
+template <class EngineType>
+void BM_ComputeSR(benchmark::State& state) {
+    const int width = static_cast<int>(state.range(0));
+    const int height = static_cast<int>(state.range(1));
+    const Burst burst = burstFor(width, height);
+    EngineType engine(width, height, 5, 2.0f);
+    configure(engine);
+    for (const auto& frame : burst.frames) {
+        engine.addFrame(frame);
+    }
+    cv::Mat_<float> result;
+    SilencedStandardOutput silenced;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(engine.computeSR(result));
+    }
+    const double bicubic =
+        ImageQuality::psnr(ImageQuality::upscaleBicubic(burst.frames[1]), burst.truth);
+    const double superResolved = ImageQuality::psnr(result, burst.truth);
+    state.counters["psnr_bicubic_dB"] = bicubic;
+    state.counters["psnr_sr_dB"] = superResolved;
+    state.counters["gain_dB"] = superResolved - bicubic;
+}
+
+void BM_AddFrame(benchmark::State& state) {
+    const int width = static_cast<int>(state.range(0));
+    const int height = static_cast<int>(state.range(1));
+    const Burst burst = burstFor(width, height);
+    Engine engine(width, height, 5, 2.0f);
+    configure(engine);
+    std::size_t next = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(engine.addFrame(burst.frames[next]));
+        next = (next + 1) % burst.frames.size();
+    }
+}
+
+void BM_Registration(benchmark::State& state) {
+    const int width = static_cast<int>(state.range(0));
+    const int height = static_cast<int>(state.range(1));
+    const Burst burst = burstFor(width, height);
+    kelvo::vision::SrFloatRegistration2 registration(width, height, 5);
+    std::vector<const float*> frames;
+    for (const auto& frame : burst.frames) {
+        registration.prepareFrame(frame.ptr<float>());
+        frames.push_back(frame.ptr<float>());
+    }
+    std::vector<cv::Point_<float>> shifts(5);
+    std::vector<std::vector<char>> masks(5, std::vector<char>(width * height));
+    std::vector<std::vector<float>> shifted(5, std::vector<float>(width * height));
+    std::vector<char*> maskPointers;
+    std::vector<float*> shiftedPointers;
+    for (int i = 0; i < 5; ++i) {
+        maskPointers.push_back(masks[i].data());
+        shiftedPointers.push_back(shifted[i].data());
+    }
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(registration.doRegistration(
+            5, 1, frames.data(), shifts.data(), maskPointers.data(), shiftedPointers.data()));
+    }
+}
+
+void sensorSizes(benchmark::internal::Benchmark* benchmark) {
+    benchmark->Args({160, 120})->Args({320, 240})->Args({640, 480})->Args({640, 512});
+    benchmark->Unit(benchmark::kMillisecond);
+}
+
+BENCHMARK_TEMPLATE(BM_ComputeSR, Engine)->Apply(sensorSizes);
+BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloat<kelvo::vision::SrFloatRegistration1>)
+    ->Apply(sensorSizes);
+BENCHMARK(BM_Registration)->Apply(sensorSizes);
+BENCHMARK(BM_AddFrame)->Apply(sensorSizes);
+
+}  // namespace

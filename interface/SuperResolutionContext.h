@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "vision/superresolution/SrFloat.h"
+#include "vision/superresolution/SrFloatRegistration2.h"
+
+// C++ access to the contexts behind the handles of SuperResolutionInterface.h, for hosts that
+// tune what the plain functions do not reach, and for inspecting a context.
+namespace kelvo::interface {
+
+using SuperResolutionEngine = vision::SrFloat<vision::SrFloatRegistration2>;
+
+// The engine of a live context, or null for an invalid handle. It stays valid until the context
+// is released.
+SuperResolutionEngine* engineOf(int handle);
+
+// Opens the context's diagnostic image writer on an existing folder: from then on every frame
+// given to SuperResolution_addImage is also written there, until the context is released.
+// Returns false for an invalid handle or a folder that does not exist.
+bool openDiagnosticWriter(int handle, const std::string& folder);
+
+}  // namespace kelvo::interface

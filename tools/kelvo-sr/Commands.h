@@ -1,0 +1,72 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kelvo::tools {
+
+// Options shared by the commands that process the user's own frames.
+struct EngineOptions {
+    std::string cameraAndLensType;
+    int referenceIndex = 3;
+    std::string values = "auto";  // auto, temperature or counts
+    bool timings = false;
+};
+
+struct DemoOptions {
+    std::string outputFolder = "kelvo-sr-demo";
+    int width = 320;
+    int height = 256;
+    unsigned long seed = 7;
+    bool timings = false;
+};
+
+struct BurstCommandOptions {
+    std::vector<std::string> frames;
+    std::string rawSize;
+    std::string rawType;
+    std::string output = "superresolved.tiff";
+    std::string png;
+    std::string preview;
+    std::string compare;
+    std::vector<int> crop;  // x, y, width, height in result pixels; empty: the whole image
+    EngineOptions engine;
+};
+
+struct SequenceOptions {
+    std::string input;
+    std::string outputFolder = "kelvo-sr-sequence";
+    std::string rawSize;
+    std::string rawType;
+    bool previews = false;
+    EngineOptions engine;
+};
+
+struct BadPixelsOptions {
+    std::string input;
+    std::string rawSize;
+    std::string rawType;
+    std::string table = "badpixels.csv";
+    std::string output = "repaired.png";
+    std::string drawing = "badpixels.png";
+    std::string known;  // CSV of bad pixels known beforehand; empty: none
+    // Values at or beyond either end count as defective; unset: the full scale of the
+    // image's bit depth (0 .. 2^n - 1, or -2^n .. 2^n - 1 with negative values).
+    std::optional<int> low;
+    std::optional<int> high;
+    int capacity = 10000;
+    int maxNeighbours = 3;
+    int span = 4;
+    int radius = 3;
+    int markSize = 7;
+    bool randomColours = false;
+};
+
+// Each returns the process exit code; errors are reported on standard error.
+int runDemo(const DemoOptions& options);
+int runBurst(const BurstCommandOptions& options);
+int runSequence(const SequenceOptions& options);
+int runBadPixels(const BadPixelsOptions& options);
+
+}  // namespace kelvo::tools

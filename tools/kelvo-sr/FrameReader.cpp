@@ -1,0 +1,113 @@
+#include "tools/kelvo-sr/FrameReader.h"
+
+#include <filesystem>
+#include <fstream>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <stdexcept>
+
+namespace kelvo::tools {
+
+namespace {
+
+bool isRawFile(const std::string& path) {
+    const std::string extension = std::filesystem::path(path).extension().string();
+    return extension == ".raw" || extension == ".bin";
+}
+
+std::size_t bytesPerPixel(RawType type) {
+    return type == RawType::kFloat32 ? 4 : 2;
+}
+
+cv::Mat readRawFrame(const std::string& path, const RawFormat& format) {
+    const std::size_t pixels = static_cast<std::size_t>(format.width) * format.height;
+    const std::size_t expected = pixels * bytesPerPixel(format.type);
+    std::error_code error;
+    const auto size = std::filesystem::file_size(path, error);
+    if (error) {
+        throw std::runtime_error("Cannot read '" + path + "': " + error.message() + ".");
+    }
+    if (size != expected) {
+        throw std::runtime_error("'" + path + "' holds " + std::to_string(size) + " bytes, but a " +
+                                 std::to_string(format.width) + "x" +
+                                 std::to_string(format.height) + " frame of that type needs " +
+                                 std::to_string(expected) + ".");
+    }
+    const int cvType = format.type == RawType::kFloat32    ? CV_32F
+                       : format.type == RawType::kSigned16 ? CV_16S
+                                                           : CV_16U;
+    cv::Mat raw(format.height, format.width, cvType);
+    std::ifstream stream(path, std::ios::binary);
+    if (!stream.read(reinterpret_cast<char*>(raw.data), static_cast<std::streamsize>(expected))) {
+        throw std::runtime_error("Cannot read '" + path + "'.");
+    }
+    return raw;
+}
+
+}  // namespace
+
+bool parseFrameSize(const std::string& text, int& width, int& height) {
+    const auto separator = text.find('x');
+    if (separator == std::string::npos) {
+        return false;
+    }
+    try {
+        std::size_t usedWidth = 0, usedHeight = 0;
+        width = std::stoi(text.substr(0, separator), &usedWidth);
+        height = std::stoi(text.substr(separator + 1), &usedHeight);
+        return usedWidth == separator && usedHeight == text.size() - separator - 1 && width > 0 &&
+               height > 0;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+bool parseRawType(const std::string& text, RawType& type) {
+    if (text == "u16") {
+        type = RawType::kUnsigned16;
+    } else if (text == "i16") {
+        type = RawType::kSigned16;
+    } else if (text == "f32") {
+        type = RawType::kFloat32;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+cv::Mat readStoredImage(const std::string& path, const RawFormat* rawFormat) {
+    if (!std::filesystem::is_regular_file(path)) {
+        throw std::runtime_error("Cannot read '" + path + "': no such file.");
+    }
+    if (isRawFile(path)) {
+        if (rawFormat == nullptr) {
+            throw std::runtime_error("'" + path +
+                                     "' is a headerless raw file: give its --size and --type.");
+        }
+        return readRawFrame(path, *rawFormat);
+    }
+    cv::Mat image;
+    try {
+        image = cv::imread(path, cv::IMREAD_UNCHANGED | cv::IMREAD_ANYDEPTH);
+    } catch (const cv::Exception&) {
+        image.release();
+    }
+    if (image.empty()) {
+        throw std::runtime_error("Cannot read '" + path + "': not an image this tool can decode.");
+    }
+    return image;
+}
+
+cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat) {
+    cv::Mat image = readStoredImage(path, rawFormat);
+    if (image.channels() == 4) {
+        cv::cvtColor(image, image, cv::COLOR_BGRA2GRAY);
+    } else if (image.channels() == 3) {
+        cv::cvtColor(image, image, cv::COLOR_BGR2GRAY);
+    }
+    cv::Mat_<float> frame;
+    image.convertTo(frame, CV_32F);
+    return frame;
+}
+
+}  // namespace kelvo::tools

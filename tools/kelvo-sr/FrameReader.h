@@ -1,0 +1,33 @@
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <string>
+
+namespace kelvo::tools {
+
+// Pixel type of a headerless raw frame.
+enum class RawType { kUnsigned16, kSigned16, kFloat32 };
+
+// How to read headerless raw files; images with a header (PNG, TIFF, JPEG) need none.
+struct RawFormat {
+    int width = 0;
+    int height = 0;
+    RawType type = RawType::kUnsigned16;
+};
+
+// Parses "WxH" (e.g. "640x512"); false on anything else.
+bool parseFrameSize(const std::string& text, int& width, int& height);
+// Parses "u16", "i16" or "f32"; false on anything else.
+bool parseRawType(const std::string& text, RawType& type);
+
+// Reads one frame as a single-channel float image of the stored values: 8- and 16-bit
+// PNG, TIFF and JPEG, 32-bit float TIFF (colour images are converted to grey), and
+// headerless raw files (.raw, .bin) when a raw format is given. Throws
+// std::runtime_error with a sentence naming the file when it cannot.
+cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat);
+
+// Reads one image with the channels and pixel type it is stored in (a raw file as its
+// type); throws like readFrame.
+cv::Mat readStoredImage(const std::string& path, const RawFormat* rawFormat);
+
+}  // namespace kelvo::tools

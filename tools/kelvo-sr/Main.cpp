@@ -1,0 +1,168 @@
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "tools/kelvo-sr/Commands.h"
+
+using namespace kelvo::tools;
+
+namespace {
+
+void addEngineOptions(CLI::App& command, EngineOptions& options) {
+    command.add_option("--camera", options.cameraAndLensType,
+                       "camera and lens type, e.g. \"625 FOV 25\" (sets the sensor blur)");
+    command
+        .add_option("--reference", options.referenceIndex,
+                    "reference frame, counted back from the newest: 0 (newest) to 4")
+        ->check(CLI::Range(0, 4))
+        ->capture_default_str();
+    command
+        .add_option("--values", options.values,
+                    "what the pixels are: temperature (-274..5000), counts (raw sensor "
+                    "counts, -32768..32767), or auto (counts when any value leaves the "
+                    "temperature range)")
+        ->check(CLI::IsMember({"auto", "temperature", "counts"}))
+        ->capture_default_str();
+    command.add_flag("--timings", options.timings, "print the library's timing lines");
+}
+
+void addRawOptions(CLI::App& command, std::string& size, std::string& type,
+                   const std::vector<std::string>& types) {
+    command.add_option("--size", size, "size of headerless raw frames, WxH (e.g. 640x512)");
+    command.add_option("--type", type, "pixel type of headerless raw frames")
+        ->check(CLI::IsMember(types));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"kelvo-sr: super-resolution of thermal-camera bursts (2x in each direction)"};
+    app.require_subcommand(1);
+
+    DemoOptions demo;
+    CLI::App* demoCommand =
+        app.add_subcommand("demo", "simulate a thermal burst and show what super-resolution does");
+    demoCommand->add_option("-o,--output", demo.outputFolder, "folder for the pictures")
+        ->capture_default_str();
+    demoCommand->add_option("--width", demo.width, "input frame width")
+        ->check(CLI::Range(16, 4096))
+        ->capture_default_str();
+    demoCommand->add_option("--height", demo.height, "input frame height")
+        ->check(CLI::Range(16, 4096))
+        ->capture_default_str();
+    demoCommand->add_option("--seed", demo.seed, "seed of the simulated scene and burst")
+        ->capture_default_str();
+    demoCommand->add_flag("--timings", demo.timings, "print the library's timing lines");
+
+    BurstCommandOptions burst;
+    CLI::App* burstCommand =
+        app.add_subcommand("burst", "super-resolve five or more frames into one image");
+    burstCommand
+        ->add_option("frames", burst.frames,
+                     "frame files, oldest first (PNG, TIFF, JPEG, or raw with --size/--type)")
+        ->required()
+        ->expected(5, -1);
+    burstCommand->add_option("-o,--output", burst.output, "32-bit float TIFF result")
+        ->capture_default_str();
+    burstCommand->add_option("--png", burst.png,
+                             "also a 16-bit PNG (counts as they are, temperatures in "
+                             "centikelvin)");
+    burstCommand->add_option("--preview", burst.preview, "also a colour-palette preview PNG");
+    burstCommand->add_option("--compare", burst.compare,
+                             "also a PNG of the reference frame's bicubic upscaling beside the "
+                             "result");
+    burstCommand
+        ->add_option("--crop", burst.crop, "crop of --compare: X Y WIDTH HEIGHT in result pixels")
+        ->expected(4);
+    addRawOptions(*burstCommand, burst.rawSize, burst.rawType, {"u16", "i16", "f32"});
+    addEngineOptions(*burstCommand, burst.engine);
+
+    SequenceOptions sequence;
+    CLI::App* sequenceCommand = app.add_subcommand(
+        "sequence", "super-resolve every frame of a folder or video from the fifth on");
+    sequenceCommand->add_option("input", sequence.input, "folder of frames or a video file")
+        ->required();
+    sequenceCommand->add_option("-o,--output", sequence.outputFolder, "folder for the results")
+        ->capture_default_str();
+    sequenceCommand->add_flag("--previews", sequence.previews,
+                              "also write a colour-palette preview per result");
+    addRawOptions(*sequenceCommand, sequence.rawSize, sequence.rawType, {"u16", "i16", "f32"});
+    addEngineOptions(*sequenceCommand, sequence.engine);
+
+    BadPixelsOptions badPixels;
+    CLI::App* badPixelsCommand = app.add_subcommand(
+        "badpixels", "find the defective pixels of a 16-bit raw image and repair them");
+    badPixelsCommand
+        ->add_option("image", badPixels.input,
+                     "16-bit image: PNG, TIFF, or headerless raw with --size/--type")
+        ->required();
+    addRawOptions(*badPixelsCommand, badPixels.rawSize, badPixels.rawType, {"u16", "i16"});
+    badPixelsCommand->add_option("--table", badPixels.table, "CSV of the bad pixels found")
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("-o,--output", badPixels.output,
+                     "repaired image: 16-bit PNG, or TIFF (keeps signed values)")
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--drawing", badPixels.drawing,
+                     "colour PNG of the image with every bad pixel outlined")
+        ->capture_default_str();
+    badPixelsCommand->add_option("--known", badPixels.known,
+                                 "CSV of bad pixels known beforehand, x,y per line (a table "
+                                 "written by this command will do)");
+    badPixelsCommand
+        ->add_option("--low", badPixels.low,
+                     "values at or below it are defective (default 0, or -2^n for signed "
+                     "images with negative values)")
+        ->check(CLI::Range(-32768, 65535));
+    badPixelsCommand
+        ->add_option("--high", badPixels.high,
+                     "values at or above it are defective (default 2^n - 1, the full scale of "
+                     "the image's bit depth); at most 32767 above --low")
+        ->check(CLI::Range(-32768, 65535));
+    badPixelsCommand
+        ->add_option("--max-neighbours", badPixels.maxNeighbours,
+                     "a value is isolated, and its pixels defective, when fewer pixels than "
+                     "this hold values up to --span below it, up to --span above it, and "
+                     "within --span/2 around it (its own counted in each)")
+        ->check(CLI::Range(1, 65535))
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--span", badPixels.span, "values on either side that count as near")
+        ->check(CLI::Range(2, 32767))
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--capacity", badPixels.capacity, "most bad pixels the search may find")
+        ->check(CLI::Range(1, 32767))
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--radius", badPixels.radius,
+                     "reach of the replacement search: good pixels up to this far (1: the four "
+                     "direct neighbours only)")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+    badPixelsCommand
+        ->add_option("--mark-size", badPixels.markSize,
+                     "side of the square drawn around each bad pixel")
+        ->check(CLI::Range(1, 255))
+        ->capture_default_str();
+    badPixelsCommand->add_flag("--random-colours", badPixels.randomColours,
+                               "draw each square in its own colour instead of red");
+
+    CLI11_PARSE(app, argc, argv);
+
+    try {
+        if (*demoCommand) {
+            return runDemo(demo);
+        }
+        if (*burstCommand) {
+            return runBurst(burst);
+        }
+        if (*sequenceCommand) {
+            return runSequence(sequence);
+        }
+        return runBadPixels(badPixels);
+    } catch (const std::exception& error) {
+        std::cerr << "kelvo-sr: " << error.what() << std::endl;
+        return 1;
+    }
+}

@@ -1,0 +1,164 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
+
+#include "tools/kelvo-sr/CommandSupport.h"
+#include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/ImageFiles.h"
+#include "tools/simulator/ThermalPreview.h"
+
+namespace kelvo::tools {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool isFrameFile(const fs::path& path) {
+    std::string extension = path.extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(), ::tolower);
+    for (const char* known : {".png", ".tif", ".tiff", ".jpg", ".jpeg", ".raw", ".bin"}) {
+        if (extension == known) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The frames of a folder in name order, or of a video file in time order.
+class FrameSequence {
+public:
+    FrameSequence(const std::string& input, const RawFormat* rawFormat) : rawFormat(rawFormat) {
+        if (fs::is_directory(input)) {
+            for (const auto& entry : fs::directory_iterator(input)) {
+                if (entry.is_regular_file() && isFrameFile(entry.path())) {
+                    files.push_back(entry.path().string());
+                }
+            }
+            std::sort(files.begin(), files.end());
+            if (files.empty()) {
+                throw std::runtime_error("'" + input + "' holds no frame files.");
+            }
+            return;
+        }
+        if (!fs::is_regular_file(input) || !video.open(input)) {
+            throw std::runtime_error("Cannot read '" + input +
+                                     "': neither a folder of frames nor a video file.");
+        }
+    }
+
+    // Number of frames, or -1 when a video does not tell.
+    int count() const {
+        if (!files.empty()) {
+            return static_cast<int>(files.size());
+        }
+        const double frames = video.get(cv::CAP_PROP_FRAME_COUNT);
+        return frames > 0 ? static_cast<int>(frames) : -1;
+    }
+
+    bool next(cv::Mat_<float>& frame) {
+        if (!files.empty()) {
+            if (position >= files.size()) {
+                return false;
+            }
+            frame = readFrame(files[position++], rawFormat);
+            return true;
+        }
+        cv::Mat image;
+        if (!video.read(image) || image.empty()) {
+            return false;
+        }
+        if (image.channels() == 3) {
+            cv::cvtColor(image, image, cv::COLOR_BGR2GRAY);
+        }
+        image.convertTo(frame, CV_32F);
+        ++position;
+        return true;
+    }
+
+private:
+    const RawFormat* rawFormat;
+    std::vector<std::string> files;
+    cv::VideoCapture video;
+    std::size_t position = 0;
+};
+
+void showProgress(int done, int total) {
+    const int width = 40;
+    if (total > 0) {
+        const int filled = width * done / total;
+        std::fprintf(stderr, "\r[%s%s] %d/%d", std::string(filled, '#').c_str(),
+                     std::string(width - filled, ' ').c_str(), done, total);
+    } else {
+        std::fprintf(stderr, "\r%d frames", done);
+    }
+    std::fflush(stderr);
+}
+
+}  // namespace
+
+int runSequence(const SequenceOptions& options) {
+    const auto rawFormat = rawFormatFromOptions(options.rawSize, options.rawType);
+    FrameSequence sequence(options.input, rawFormat.get());
+    fs::create_directories(options.outputFolder);
+    const bool terminal = isatty(STDERR_FILENO) != 0;
+
+    std::unique_ptr<SuperResolver> resolver;
+    std::map<int, int> failures;
+    int frames = 0, passes = 0;
+    double passSeconds = 0.0;
+    cv::Mat_<float> frame;
+    while (sequence.next(frame)) {
+        if (!resolver) {
+            resolver = makeSuperResolver(options.engine, frame);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        const int status = resolver->addFrame(frame);
+        ++frames;
+        if (frames >= 5) {
+            passSeconds +=
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            ++passes;
+            char name[64];
+            std::snprintf(name, sizeof(name), "sr_%06d", frames - 1);
+            const cv::Mat_<float> result = resolver->result();
+            writeFloatTiff(
+                (fs::path(options.outputFolder) / (std::string(name) + ".tiff")).string(), result);
+            if (options.previews) {
+                writeColourImage(
+                    (fs::path(options.outputFolder) / (std::string(name) + ".png")).string(),
+                    ThermalPreview::render(result, ThermalPreview::robustRange(result)));
+            }
+        }
+        if (status != 0) {
+            ++failures[status];
+        }
+        if (terminal) {
+            showProgress(frames, sequence.count());
+        }
+    }
+    if (terminal) {
+        std::fprintf(stderr, "\n");
+    }
+
+    std::cout << "frames: " << frames << ", results: " << passes << " in " << options.outputFolder
+              << std::endl;
+    for (const auto& [status, count] : failures) {
+        std::cout << "  " << count << " x " << SuperResolver::describe(status) << std::endl;
+    }
+    if (passes > 0) {
+        std::cout << "mean time per pass: " << 1000.0 * passSeconds / passes << " ms" << std::endl;
+    } else {
+        std::cerr << "kelvo-sr: fewer than five frames: no result." << std::endl;
+        return 1;
+    }
+    return failures.empty() ? 0 : 2;
+}
+
+}  // namespace kelvo::tools

@@ -1,0 +1,352 @@
+#include "vision/superresolution/SrFloat.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+
+#include "platform/kelvo/StopWatch.h"
+#include "vision/superresolution/SrFloatRegistration1.h"
+#include "vision/superresolution/SrFloatRegistration2.h"
+
+namespace kelvo::vision {
+
+namespace {
+
+// Frames larger than this would overflow the pixel indices of the stages.
+constexpr long long kMaxInputPixels = 1LL << 26;
+// The smallest frame side the registration's filters are defined on.
+constexpr int kMinFrameSide = 8;
+
+int checkedWindowSize(int windowSize) {
+    if (windowSize < 1) {
+        throw "Invalid reference index specified.";
+    }
+    return windowSize;
+}
+
+// Validates the geometry before any buffer is sized from it; returns the width.
+int checkedGeometry(int width, int height, float factor) {
+    if (width < kMinFrameSide || height < kMinFrameSide ||
+        static_cast<long long>(width) * height > kMaxInputPixels) {
+        throw std::invalid_argument("Invalid image size specified.");
+    }
+    // The reconstruction's PSF tables are sized for magnifications in this range.
+    if (!(factor >= 1.0f && factor <= 4.0f)) {
+        throw std::invalid_argument("Invalid magnification factor specified.");
+    }
+    return width;
+}
+
+// The largest number of frames per pixel that still raises the quality estimate.
+// Computed once per process, from the factor of the first engine that runs a pass.
+int srFactorCap(float factor) {
+    static const int cap = static_cast<int>(factor * factor + 1.0);
+    return cap;
+}
+
+double elapsedMilliseconds(const kelvo::StopWatch& watch) {
+    return watch.stop() * 1000.0;
+}
+
+}  // namespace
+
+template <class Registration>
+SrFloat<Registration>::SrFloat(int width, int height, int windowSize, float factor)
+    : width(checkedGeometry(width, height, factor)),
+      height(height),
+      inputSize(width * height),
+      outputWidth(static_cast<int>(static_cast<float>(width) * factor)),
+      outputHeight(static_cast<int>(static_cast<float>(height) * factor)),
+      outputSize(outputWidth * outputHeight),
+      spectrumSize((width / 2 + 1) * height),
+      windowSize(checkedWindowSize(windowSize)),
+      factor(factor),
+      registration(width, height, windowSize),
+      minimization(width, height, windowSize, factor),
+      badPixelHandling(static_cast<unsigned int>(windowSize)),
+      frames(windowSize, std::vector<float>(inputSize, 0.0f)),
+      registeredFrames(windowSize, std::vector<float>(inputSize, 0.0f)),
+      masks(windowSize, std::vector<char>(inputSize, 0)),
+      result(outputSize, 0.0f),
+      shifts(windowSize, cv::Point_<float>(0.0f, 0.0f)) {
+    frameViews.reserve(windowSize);
+    refreshPointers();
+}
+
+template <class Registration>
+SrFloat<Registration>::SrFloat(const SrFloat& other)
+    : width(other.width),
+      height(other.height),
+      inputSize(other.inputSize),
+      outputWidth(other.outputWidth),
+      outputHeight(other.outputHeight),
+      outputSize(other.outputSize),
+      spectrumSize(other.spectrumSize),
+      windowSize(other.windowSize),
+      factor(other.factor),
+      referenceIndex(other.referenceIndex),
+      minStructureThreshold(other.minStructureThreshold),
+      registration(other.registration),
+      minimization(other.minimization),
+      badPixelHandling(other.badPixelHandling),
+      frames(other.frames),
+      registeredFrames(other.registeredFrames),
+      masks(other.masks),
+      result(other.result),
+      shifts(other.shifts),
+      completeShifts(other.completeShifts),
+      storedFrames(other.storedFrames) {
+    frameViews.reserve(windowSize);
+    refreshPointers();
+}
+
+template <class Registration>
+SrFloat<Registration>& SrFloat<Registration>::operator=(const SrFloat& other) {
+    if (this == &other) {
+        return *this;
+    }
+    width = other.width;
+    height = other.height;
+    inputSize = other.inputSize;
+    outputWidth = other.outputWidth;
+    outputHeight = other.outputHeight;
+    outputSize = other.outputSize;
+    spectrumSize = other.spectrumSize;
+    windowSize = other.windowSize;
+    factor = other.factor;
+    referenceIndex = other.referenceIndex;
+    minStructureThreshold = other.minStructureThreshold;
+    registration = other.registration;
+    minimization = other.minimization;
+    badPixelHandling = other.badPixelHandling;
+    frames = other.frames;
+    registeredFrames = other.registeredFrames;
+    masks = other.masks;
+    result = other.result;
+    shifts = other.shifts;
+    completeShifts = other.completeShifts;
+    storedFrames = other.storedFrames;
+    frameViews.clear();
+    frameViews.reserve(windowSize);
+    refreshPointers();
+    return *this;
+}
+
+template <class Registration>
+void SrFloat<Registration>::refreshPointers() {
+    framePointers.resize(windowSize);
+    registeredPointers.resize(windowSize);
+    maskPointers.resize(windowSize);
+    for (int i = 0; i < windowSize; ++i) {
+        framePointers[i] = frames[i].data();
+        registeredPointers[i] = registeredFrames[i].data();
+        maskPointers[i] = masks[i].data();
+    }
+}
+
+template <class Registration>
+void SrFloat<Registration>::setReferenceIndex(int index) {
+    if (index < 0 || index >= windowSize) {
+        throw "Invalid reference index specified.";
+    }
+    referenceIndex = index;
+}
+
+template <class Registration>
+void SrFloat<Registration>::setPsfSigma(float sigma) {
+    if (!(sigma > 0.0f)) {
+        throw "Invalid standard deviation of the sensor psf specified.";
+    }
+    minimization.setPsfSigma(sigma);
+}
+
+template <class Registration>
+void SrFloat<Registration>::setMaxCGIters(int iterations) {
+    if (iterations < 1) {
+        throw "Invalid maximum number of iterations specified.";
+    }
+    minimization.setMaxIter(iterations);
+}
+
+template <class Registration>
+void SrFloat<Registration>::setRegError(float error) {
+    if (!(error > 0.0f && error <= 1.0f)) {
+        throw "Invalid maximum registration error specified.";
+    }
+    registration.setRegError(error);
+}
+
+template <class Registration>
+void SrFloat<Registration>::setWeightTV(float weight) {
+    if (!(weight >= 1.0f) || std::isinf(weight)) {
+        throw "Invalid total-variation term weight specified.";
+    }
+    minimization.setWeightTV(weight);
+}
+
+template <class Registration>
+void SrFloat<Registration>::setRelativeResidue(float residue) {
+    // Reported with the total-variation message, as hosts have always seen it.
+    if (!(static_cast<double>(residue) >= 1e-6) || std::isinf(residue)) {
+        throw "Invalid total-variation term weight specified.";
+    }
+    minimization.setRelRes(residue);
+}
+
+template <class Registration>
+int SrFloat<Registration>::addFrame(const float* frame) {
+    if (frame == nullptr) {
+        throw std::invalid_argument("Frame data pointer is NULL.");
+    }
+    const int loaded = loadFrame(frame);
+    return loaded < 0 ? loaded : 0;
+}
+
+template <class Registration>
+int SrFloat<Registration>::loadFrame(const float* frame) {
+    if (storedFrames >= windowSize) {
+        std::rotate(frames.begin(), frames.begin() + 1, frames.end());
+        refreshPointers();
+    } else {
+        ++storedFrames;
+    }
+    float* newest = frames[storedFrames - 1].data();
+    std::memcpy(newest, frame, sizeof(float) * inputSize);
+
+    cv::Mat_<float> view(height, width, newest);
+    int badPixelResult = 0;
+    try {
+        badPixelResult = badPixelHandling.detectAndReplaceBadPixel(view);
+    } catch (...) {
+        // The frame already occupies the newest window slot; keep the registration's
+        // slots in step with it before reporting the failure.
+        registration.prepareFrame(newest);
+        throw;
+    }
+    registration.prepareFrame(newest);
+    return badPixelResult < 0 ? badPixelResult : 0;
+}
+
+template <class Registration>
+float SrFloat<Registration>::computeSR(cv::Mat_<float>& out) {
+    if (!out.isContinuous()) {
+        out.release();
+    }
+    out.create(outputHeight, outputWidth);
+    return computeSR(out.ptr<float>());
+}
+
+template <class Registration>
+float SrFloat<Registration>::computeSR(float* out) {
+    std::cout << "++++++++++ SrFloat ++++++++++" << std::endl;
+    if (storedFrames < 1) {
+        return -998.0f;
+    }
+    const int ref = std::max(storedFrames - referenceIndex - 1, 0);
+
+    kelvo::StopWatch watch;
+    const int registered =
+        registration.doRegistration(storedFrames, ref, framePointers.data(), shifts.data(),
+                                    maskPointers.data(), registeredPointers.data());
+    const double registrationTime = elapsedMilliseconds(watch);
+    if (registered < 0) {
+        return -998.0f;
+    }
+    std::cout << " registration:         " << registrationTime << "[ms]" << std::endl;
+    registration.getCompleteShifts(completeShifts);
+
+    watch.start();
+    const float limit = static_cast<float>(height / 10);
+    bool tooLarge = false;
+    bool tooManyMasked = false;
+    for (int i = 0; i < storedFrames; ++i) {
+        const cv::Point_<float>& shift = completeShifts[i];
+        if (std::fabs(shift.x) > limit || std::fabs(shift.y) > limit) {
+            tooLarge = true;
+        }
+        const signed char* mask = reinterpret_cast<const signed char*>(maskPointers[i]);
+        long long validSum = 0;
+        for (int p = 0; p < inputSize; ++p) {
+            validSum += mask[p];
+        }
+        const float emptyFraction =
+            static_cast<float>(inputSize - validSum) / static_cast<float>(inputSize);
+        if (emptyFraction >= 0.5f) {
+            tooManyMasked = true;
+        }
+    }
+    std::cout << " large_displacement:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
+    int status = tooManyMasked ? -3 : 0;
+    if (tooLarge) {
+        status = -6;
+    }
+
+    watch.start();
+    const int iterations = minimization.minimize(storedFrames, ref, registeredPointers.data(),
+                                                 shifts.data(), maskPointers.data(), result.data());
+    std::cout << " minimization:         " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
+    if (iterations < 0) {
+        return static_cast<float>(iterations);
+    }
+
+    cv::Mat_<float> resultMatrix(outputHeight, outputWidth, result.data());
+    badPixelHandling.maskBadPixel(resultMatrix, completeShifts);
+    frameViews.clear();
+    for (int i = 0; i < storedFrames; ++i) {
+        frameViews.emplace_back(height, width, framePointers[i]);
+    }
+    badPixelHandling.replaceMaskedPixel(resultMatrix, completeShifts, frameViews);
+
+    watch.start();
+    saveFrame(out);
+    const float srFactor = estimateSrFactor();
+    std::cout << " save+srfactor calc:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
+    std::cout << "+++++++++++++++++++++++++++++" << std::endl;
+    return status != 0 ? static_cast<float>(status) : srFactor;
+}
+
+template <class Registration>
+void SrFloat<Registration>::saveFrame(float* out) const {
+    std::memcpy(out, result.data(), sizeof(float) * outputSize);
+}
+
+// Mean number of extra frames that see each input pixel, capped at factor^2 and
+// mapped so that one frame per pixel gives 1 and a full set of frames gives
+// 1 + (cap - 1) / 4.
+template <class Registration>
+float SrFloat<Registration>::estimateSrFactor() const {
+    const int cap = srFactorCap(factor);
+    long long sum = 0;
+    for (int p = 0; p < inputSize; ++p) {
+        int framesSeeing = 0;
+        for (int i = 0; i < storedFrames; ++i) {
+            framesSeeing += maskPointers[i][p] != 0;
+        }
+        sum += std::min(framesSeeing, cap) - 1;
+    }
+    return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
+}
+
+template <class Registration>
+void SrFloat<Registration>::getMasks(std::vector<cv::Mat_<unsigned char>>& out) const {
+    out.resize(windowSize);
+    for (int i = 0; i < windowSize; ++i) {
+        if (out[i].rows != height || out[i].cols != width || !out[i].isContinuous()) {
+            out[i].release();
+            out[i].create(height, width);
+        }
+        std::memcpy(out[i].ptr(), masks[i].data(), inputSize);
+    }
+}
+
+template <class Registration>
+void SrFloat<Registration>::getCompleteShifts(std::vector<cv::Point_<float>>& out) const {
+    registration.getCompleteShifts(out);
+}
+
+template class SrFloat<SrFloatRegistration1>;
+template class SrFloat<SrFloatRegistration2>;
+
+}  // namespace kelvo::vision

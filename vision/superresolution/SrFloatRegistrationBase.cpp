@@ -1,0 +1,279 @@
+#include "vision/superresolution/SrFloatRegistrationBase.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdlib>
+
+#include "vision/superresolution/SrFloatConvolution.h"
+
+namespace kelvo::vision {
+
+namespace {
+
+constexpr char kTooLargeDisplacement[] = "Too large displacement";
+
+// Sums of float products are kept in double, split over interleaved partial sums so
+// that consecutive additions do not wait on each other.
+constexpr int kLanes = 4;
+using DoubleLanes = std::array<double, kLanes>;
+
+double total(const DoubleLanes& lanes) {
+    return (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+}
+
+// floor(value + 0.5), saturated at +-limit. A NaN saturates as well: a shift that
+// cannot be represented leaves no overlap with the reference.
+int roundHalfUpSaturated(float value, int limit) {
+    const float rounded = std::floor(value + 0.5f);
+    if (!(std::fabs(rounded) < static_cast<float>(limit))) {
+        return value < 0.0f ? -limit : limit;
+    }
+    return static_cast<int>(rounded);
+}
+
+}  // namespace
+
+SrFloatRegistrationBase::SrFloatRegistrationBase(int width, int height, int frameCount)
+    : width(width),
+      height(height),
+      pixelCount(width * height),
+      frameCount(frameCount),
+      refGradX(pixelCount),
+      refGradY(pixelCount),
+      errorImage(pixelCount),
+      blurredErrorImage(pixelCount) {}
+
+SrFloatRegistrationBase::SrFloatRegistrationBase(const SrFloatRegistrationBase& other)
+    : width(other.width),
+      height(other.height),
+      pixelCount(other.pixelCount),
+      frameCount(other.frameCount),
+      storedFrames(other.storedFrames),
+      regError(other.regError),
+      regErrBlurRadius(other.regErrBlurRadius),
+      refGradX(other.refGradX),
+      refGradY(other.refGradY),
+      errorImage(other.errorImage),
+      blurredErrorImage(other.blurredErrorImage),
+      sumGxx(other.sumGxx),
+      sumGxy(other.sumGxy),
+      sumGyy(other.sumGyy),
+      completeShifts(other.completeShifts),
+      lastShifts(other.lastShifts) {}
+
+SrFloatRegistrationBase& SrFloatRegistrationBase::operator=(const SrFloatRegistrationBase& other) {
+    if (this != &other) {
+        *this = SrFloatRegistrationBase(other);
+    }
+    return *this;
+}
+
+void SrFloatRegistrationBase::getCompleteShifts(std::vector<cv::Point_<float>>& out) const {
+    if (&out != &completeShifts) {
+        out = completeShifts;
+    }
+}
+
+SrFloatRegistrationBase::GradientSums SrFloatRegistrationBase::sumGradientProducts(
+    const cv::Rect& region) const {
+    DoubleLanes xx{};
+    DoubleLanes xy{};
+    DoubleLanes yy{};
+    for (int y = region.y; y < region.y + region.height; ++y) {
+        const float* gx = refGradX.data() + y * width + region.x;
+        const float* gy = refGradY.data() + y * width + region.x;
+        int x = 0;
+        for (; x + kLanes <= region.width; x += kLanes) {
+            for (int lane = 0; lane < kLanes; ++lane) {
+                xx[lane] += gx[x + lane] * gx[x + lane];
+                xy[lane] += gx[x + lane] * gy[x + lane];
+                yy[lane] += gy[x + lane] * gy[x + lane];
+            }
+        }
+        for (; x < region.width; ++x) {
+            xx[0] += gx[x] * gx[x];
+            xy[0] += gx[x] * gy[x];
+            yy[0] += gy[x] * gy[x];
+        }
+    }
+    return {total(xx), total(xy), total(yy)};
+}
+
+void SrFloatRegistrationBase::computeReferenceGradients(const float* reference) {
+    // Central differences (R[y+1] - R[y-1]) / 2 inside; on the first and last row
+    // and column the one-sided difference, deliberately not halved.
+    for (int y = 0; y < height; ++y) {
+        const float* row = reference + y * width;
+        const float* above = reference + std::max(y - 1, 0) * width;
+        const float* below = reference + std::min(y + 1, height - 1) * width;
+        float* gy = refGradY.data() + y * width;
+        if (y == 0 || y == height - 1) {
+            for (int x = 0; x < width; ++x) {
+                gy[x] = below[x] - above[x];
+            }
+        } else {
+            for (int x = 0; x < width; ++x) {
+                gy[x] = (below[x] - above[x]) * 0.5f;
+            }
+        }
+        float* gx = refGradX.data() + y * width;
+        gx[0] = row[1] - row[0];
+        for (int x = 1; x < width - 1; ++x) {
+            gx[x] = (row[x + 1] - row[x - 1]) * 0.5f;
+        }
+        gx[width - 1] = row[width - 1] - row[width - 2];
+    }
+    const GradientSums sums = sumGradientProducts(cv::Rect(0, 0, width, height));
+    sumGxx = static_cast<float>(sums.xx);
+    sumGxy = static_cast<float>(sums.xy);
+    sumGyy = static_cast<float>(sums.yy);
+}
+
+SrFloatRegistrationBase::Overlap SrFloatRegistrationBase::overlapOf(cv::Point_<int> shift) const {
+    const int sx = std::clamp(shift.x, -width, width);
+    const int sy = std::clamp(shift.y, -height, height);
+    const int overlapWidth = width - std::abs(sx);
+    const int overlapHeight = height - std::abs(sy);
+    Overlap overlap;
+    overlap.reference = cv::Rect(std::max(0, -sx), std::max(0, -sy), overlapWidth, overlapHeight);
+    overlap.frame = cv::Rect(std::max(0, sx), std::max(0, sy), overlapWidth, overlapHeight);
+    overlap.rowStrip = cv::Rect(0, sy >= 0 ? overlapHeight : 0, width, std::abs(sy));
+    overlap.columnStrip =
+        cv::Rect(sx >= 0 ? overlapWidth : 0, std::max(0, -sy), std::abs(sx), overlapHeight);
+    return overlap;
+}
+
+cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, const float* frame,
+                                                       cv::Point_<int> start, char* mask) {
+    const Overlap overlap = overlapOf(start);
+    const cv::Rect& inReference = overlap.reference;
+    const cv::Rect& inFrame = overlap.frame;
+
+    // The reference pixels the frame does not cover count as residual regError, so
+    // that the smoothed residual rises towards the threshold near the overlap edge.
+    GradientSums border;
+    for (const cv::Rect* strip : {&overlap.rowStrip, &overlap.columnStrip}) {
+        const GradientSums stripSums = sumGradientProducts(*strip);
+        border.xx += stripSums.xx;
+        border.xy += stripSums.xy;
+        border.yy += stripSums.yy;
+        for (int y = strip->y; y < strip->y + strip->height; ++y) {
+            std::fill_n(errorImage.data() + y * width + strip->x, strip->width, regError);
+        }
+    }
+    const double sxx = static_cast<double>(sumGxx) - border.xx;
+    const double sxy = static_cast<double>(sumGxy) - border.xy;
+    const double syy = static_cast<double>(sumGyy) - border.yy;
+
+    // b = sum over the overlap of (F - R) (gx, gy).
+    DoubleLanes mismatchX{};
+    DoubleLanes mismatchY{};
+    for (int j = 0; j < inReference.height; ++j) {
+        const int referenceRow = (inReference.y + j) * width + inReference.x;
+        const float* r = reference + referenceRow;
+        const float* f = frame + (inFrame.y + j) * width + inFrame.x;
+        const float* gx = refGradX.data() + referenceRow;
+        const float* gy = refGradY.data() + referenceRow;
+        int i = 0;
+        for (; i + kLanes <= inReference.width; i += kLanes) {
+            for (int lane = 0; lane < kLanes; ++lane) {
+                const float mismatch = f[i + lane] - r[i + lane];
+                mismatchX[lane] += mismatch * gx[i + lane];
+                mismatchY[lane] += mismatch * gy[i + lane];
+            }
+        }
+        for (; i < inReference.width; ++i) {
+            const float mismatch = f[i] - r[i];
+            mismatchX[0] += mismatch * gx[i];
+            mismatchY[0] += mismatch * gy[i];
+        }
+    }
+    const double bx = total(mismatchX);
+    const double by = total(mismatchY);
+
+    // u = -M^-1 b with M = [[Sxx, Sxy], [Sxy, Syy]].
+    const double det = syy * sxx - sxy * sxy;
+    const float ux = static_cast<float>((sxy * by - syy * bx) / det);
+    const float uy = static_cast<float>((sxy * bx - sxx * by) / det);
+
+    // Squared residual of the linearised model F + u . grad R - R, normalised by
+    // the gradient energy of the overlap.
+    const float energyNorm = static_cast<float>(1.0 / (sxx + syy));
+    for (int j = 0; j < inReference.height; ++j) {
+        const int referenceRow = (inReference.y + j) * width + inReference.x;
+        const float* r = reference + referenceRow;
+        const float* f = frame + (inFrame.y + j) * width + inFrame.x;
+        const float* gx = refGradX.data() + referenceRow;
+        const float* gy = refGradY.data() + referenceRow;
+        float* error = errorImage.data() + referenceRow;
+        for (int i = 0; i < inReference.width; ++i) {
+            const float residual = (gy[i] * uy + gx[i] * ux + f[i]) - r[i];
+            error[i] = residual * residual * energyNorm;
+        }
+    }
+
+    cv::Mat_<float> error(height, width, errorImage.data());
+    cv::Mat_<float> blurredError(height, width, blurredErrorImage.data());
+    SrFloatConvolution::blurImageMeanFilter(error, regErrBlurRadius, blurredError,
+                                            meanFilterScratch);
+
+    const cv::Point_<float> shift(static_cast<float>(start.x) + ux,
+                                  static_cast<float>(start.y) + uy);
+    const cv::Point_<int> rounded(roundHalfUpSaturated(shift.x, width),
+                                  roundHalfUpSaturated(shift.y, height));
+    const cv::Rect valid = overlapOf(rounded).reference;
+    for (int y = valid.y; y < valid.y + valid.height; ++y) {
+        const float* smoothed = blurredErrorImage.data() + y * width;
+        char* validRow = mask + y * width;
+        for (int x = valid.x; x < valid.x + valid.width; ++x) {
+            if (smoothed[x] < regError) {
+                validRow[x] = 1;
+            }
+        }
+    }
+    return shift;
+}
+
+void SrFloatRegistrationBase::shiftFrame(const float* source, cv::Point_<float>& shift,
+                                         float* destination) const {
+    const int iy = static_cast<int>(std::floor(shift.y + 0.5f));
+    const int ix = static_cast<int>(std::floor(shift.x + 0.5f));
+    // destination[i] = source[i + offset] over the image as one flat array: a
+    // horizontal move carries pixels across row ends.
+    const int offset = width * iy + ix;
+    const int leadingZeros = std::min(std::max(0, -offset), pixelCount);
+    const int trailingZeros = std::min(std::max(0, offset), pixelCount - leadingZeros);
+    std::fill_n(destination, leadingZeros, 0.0f);
+    std::copy(source + leadingZeros + offset, source + pixelCount - trailingZeros + offset,
+              destination + leadingZeros);
+    std::fill_n(destination + pixelCount - trailingZeros, trailingZeros, 0.0f);
+    shift.y -= static_cast<float>(iy);
+    shift.x -= static_cast<float>(ix);
+}
+
+void SrFloatRegistrationBase::shiftFramesOntoReference(int frameCount, const float* const* frames,
+                                                       cv::Point_<float>* shifts,
+                                                       float** shiftedFrames,
+                                                       const SourceLocation& throwSite) {
+    if (completeShifts.size() < static_cast<size_t>(frameCount)) {
+        completeShifts.resize(frameCount);
+    }
+    // The frame height bounds both components, also the horizontal one. A NaN
+    // shift fails the test as well.
+    const float half = static_cast<float>(height / 2);
+    for (int k = 0; k < frameCount; ++k) {
+        const cv::Point_<float> shift = shifts[k];
+        completeShifts[k] = shift;
+        if (!(-half < shift.x && shift.x < half && -half < shift.y && shift.y < half)) {
+            // The frames not shifted yet are handed back as copies.
+            for (int rest = k; rest < frameCount; ++rest) {
+                std::copy(frames[rest], frames[rest] + pixelCount, shiftedFrames[rest]);
+            }
+            throw Exception(kTooLargeDisplacement, throwSite.text() + "\n");
+        }
+        shiftFrame(frames[k], shifts[k], shiftedFrames[k]);
+    }
+}
+
+}  // namespace kelvo::vision
