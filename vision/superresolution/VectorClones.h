@@ -1,8 +1,8 @@
 #pragma once
 
-// Marks a function whose loops the compiler vectorises to be built twice on x86-64,
-// for AVX2 and for the baseline instruction set; the loader picks the version the
-// processor runs. The float results are the same in both: the build forbids
+// Marks a function whose loops the compiler vectorises to be built three times on
+// x86-64, for AVX-512, AVX2 and the baseline instruction set; the loader picks the
+// version the processor runs. The float results are the same in both: the build forbids
 // contracting products and sums into fused multiply-adds, so every lane performs the
 // same IEEE operations whatever the vector width.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
