@@ -2,9 +2,8 @@
 // at the input sizes of common thermal sensors. Single-threaded.
 #include <benchmark/benchmark.h>
 
-#include <iostream>
-#include <sstream>
 
+#include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/simulator/BurstSimulator.h"
 #include "tools/simulator/ImageQuality.h"
 #include "vision/superresolution/SrFloat.h"
@@ -18,17 +17,6 @@ using kelvo::tools::BurstOptions;
 using kelvo::tools::BurstSimulator;
 using kelvo::tools::ImageQuality;
 using Engine = kelvo::vision::SrFloat<kelvo::vision::SrFloatRegistration2>;
-
-// The engine prints its timing lines on every pass; keep them out of the table.
-class SilencedStandardOutput {
-public:
-    SilencedStandardOutput() : saved(std::cout.rdbuf(sink.rdbuf())) {}
-    ~SilencedStandardOutput() { std::cout.rdbuf(saved); }
-
-private:
-    std::ostringstream sink;
-    std::streambuf* saved;
-};
 
 Burst burstFor(int width, int height, std::uint64_t seed = 11) {
     BurstOptions options;
@@ -57,7 +45,8 @@ void BM_ComputeSR(benchmark::State& state) {
         engine.addFrame(frame);
     }
     cv::Mat_<float> result;
-    SilencedStandardOutput silenced;
+    // The engine prints its timing lines on every pass; keep them out of the table.
+    kelvo::tools::QuietStandardOutput silenced;
     for (auto _ : state) {
         benchmark::DoNotOptimize(engine.computeSR(result));
     }

@@ -1,11 +1,10 @@
 #include "tools/kelvo-sr/SuperResolver.h"
 
-#include <iostream>
-#include <sstream>
 #include <stdexcept>
 
 #include "interface/SuperResolutionContext.h"
 #include "interface/SuperResolutionInterface.h"
+#include "tools/kelvo-sr/QuietStandardOutput.h"
 
 namespace kelvo::tools {
 
@@ -21,22 +20,6 @@ std::string lastLibraryMessage() {
     SuperResolution_getErrorMessage(text, sizeof(text) - 1);
     return text;
 }
-
-// Keeps the engine's per-pass timing lines off the terminal unless asked for.
-class QuietStandardOutput {
-public:
-    explicit QuietStandardOutput(bool quiet)
-        : saved(quiet ? std::cout.rdbuf(discard.rdbuf()) : nullptr) {}
-    ~QuietStandardOutput() {
-        if (saved != nullptr) {
-            std::cout.rdbuf(saved);
-        }
-    }
-
-private:
-    std::ostringstream discard;
-    std::streambuf* saved;
-};
 
 }  // namespace
 
