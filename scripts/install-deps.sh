@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config clang-format
-          libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libsimde-dev)
+          libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libsimde-dev
+          libtiff-dev zlib1g-dev nlohmann-json3-dev)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -31,6 +31,7 @@ struct BurstCommandOptions {
     std::string preview;
     std::string compare;
     std::vector<int> crop;  // x, y, width, height in result pixels; empty: the whole image
+    std::string json;       // machine-readable record of the run; empty: none
     EngineOptions engine;
 };
 
@@ -40,6 +41,13 @@ struct SequenceOptions {
     std::string rawSize;
     std::string rawType;
     bool previews = false;
+    std::string json;  // machine-readable record of the run; empty: none
+    // Frames by their position in the sequence (0 = the first), both ends included, and
+    // one result for every `every` windows.
+    int start = 0;
+    int end = -1;  // -1: up to the last frame
+    int every = 1;
+    int jobs = 1;  // windows computed at once, each on its own engine
     EngineOptions engine;
 };
 

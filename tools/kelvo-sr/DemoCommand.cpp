@@ -56,10 +56,12 @@ int runDemo(const DemoOptions& options) {
 
     fs::create_directories(options.outputFolder);
     const fs::path folder(options.outputFolder);
-    writeFloatTiff((folder / "reference.tiff").string(), reference);
-    writeFloatTiff((folder / "bicubic.tiff").string(), bicubic);
-    writeFloatTiff((folder / "superresolved.tiff").string(), superResolved);
-    writeFloatTiff((folder / "truth.tiff").string(), burst.truth);
+    ImageMeaning meaning = meaningOf(ValueKind::kTemperature);
+    meaning.sourceFrames = {"simulated burst, seed " + std::to_string(options.seed)};
+    writeFloatTiff((folder / "reference.tiff").string(), reference, meaning);
+    writeFloatTiff((folder / "bicubic.tiff").string(), bicubic, meaning);
+    writeFloatTiff((folder / "superresolved.tiff").string(), superResolved, meaning);
+    writeFloatTiff((folder / "truth.tiff").string(), burst.truth, meaning);
     const cv::Mat comparison =
         ThermalPreview::sideBySide({{"reference frame", nearestUpscale(reference)},
                                     {"bicubic 2x", bicubic},

@@ -1,5 +1,14 @@
 #include "tools/kelvo-sr/ImageFiles.h"
 
+#include <tiffio.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <opencv2/imgcodecs.hpp>
 #include <stdexcept>
 
@@ -20,35 +29,191 @@ void write(const std::string& path, const cv::Mat& image) {
     }
 }
 
-}  // namespace
-
-void writeFloatTiff(const std::string& path, const cv::Mat_<float>& image) {
-    write(path, image);
+std::string lowerCaseExtension(const std::string& path) {
+    std::string extension = std::filesystem::path(path).extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return extension;
 }
 
-void write16BitPng(const std::string& path, const cv::Mat_<float>& image, double scale,
-                   double offset) {
-    cv::Mat encoded;
-    image.convertTo(encoded, CV_16U, scale, offset);
-    write(path, encoded);
+// libtiff reports failures through a process-wide handler; each thread keeps the last
+// message of its own file.
+thread_local std::string tiffMessage;
+
+void keepTiffMessage(const char* module, const char* format, va_list arguments) {
+    char text[512];
+    std::vsnprintf(text, sizeof(text), format, arguments);
+    tiffMessage = module != nullptr ? std::string(module) + ": " + text : std::string(text);
+}
+
+// Strips of about 256 KiB: large enough for deflate to find the repetitions of a row,
+// small enough to keep the writer's buffers small.
+constexpr std::size_t kStripBytes = 256 * 1024;
+
+bool writeTiffFile(TIFF* tiff, const cv::Mat_<float>& image, const std::string& description) {
+    const std::string software = "kelvo-sr " + toolVersion();
+    const std::size_t rowBytes = image.cols * sizeof(float);
+    const uint32_t rowsPerStrip =
+        static_cast<uint32_t>(std::max<std::size_t>(1, kStripBytes / rowBytes));
+    bool ok = TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(image.cols)) &&
+              TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(image.rows)) &&
+              TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 32) &&
+              TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 1) &&
+              TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, SAMPLEFORMAT_IEEEFP) &&
+              TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK) &&
+              TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG) &&
+              TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE) &&
+              TIFFSetField(tiff, TIFFTAG_PREDICTOR, PREDICTOR_FLOATINGPOINT) &&
+              TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, rowsPerStrip) &&
+              TIFFSetField(tiff, TIFFTAG_IMAGEDESCRIPTION, description.c_str()) &&
+              TIFFSetField(tiff, TIFFTAG_SOFTWARE, software.c_str());
+    // The predictor rewrites the row it encodes in place: hand it a copy.
+    std::vector<float> row(image.cols);
+    for (int r = 0; ok && r < image.rows; ++r) {
+        std::copy(image[r], image[r] + image.cols, row.begin());
+        ok = TIFFWriteScanline(tiff, row.data(), static_cast<uint32_t>(r), 0) == 1;
+    }
+    return ok;
+}
+
+void appendBigEndian(std::string& bytes, uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        bytes += static_cast<char>((value >> shift) & 0xff);
+    }
+}
+
+// A PNG text chunk in UTF-8 (iTXt, uncompressed): length, type, keyword, flags, text, CRC.
+std::string pngTextChunk(const std::string& keyword, const std::string& text) {
+    std::string data = "iTXt" + keyword;
+    data += std::string("\0\0\0\0\0", 5);  // keyword end, no compression, no language
+    data += text;
+    const uint32_t length = static_cast<uint32_t>(data.size() - 4);
+    const uint32_t crc = static_cast<uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
+    std::string chunk;
+    appendBigEndian(chunk, length);
+    chunk += data;
+    appendBigEndian(chunk, crc);
+    return chunk;
+}
+
+// Encodes the image as PNG and puts the text right after the header chunk, where every
+// reader finds it before the pixels.
+void writePngWithText(const std::string& path, const cv::Mat& image, const ImageMeaning& meaning) {
+    std::vector<unsigned char> encoded;
+    if (!cv::imencode(".png", image, encoded)) {
+        throw std::runtime_error("Cannot encode '" + path + "' as PNG.");
+    }
+    constexpr std::size_t kSignatureAndHeader = 8 + 25;
+    const std::string text = pngTextChunk("Description", meaning.toJson().dump()) +
+                             pngTextChunk("Software", "kelvo-sr " + toolVersion());
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(encoded.data()), kSignatureAndHeader);
+    file.write(text.data(), static_cast<std::streamsize>(text.size()));
+    file.write(reinterpret_cast<const char*>(encoded.data()) + kSignatureAndHeader,
+               static_cast<std::streamsize>(encoded.size() - kSignatureAndHeader));
+    if (!file.flush()) {
+        file.close();
+        std::filesystem::remove(path);
+        throw std::runtime_error("Cannot write '" + path + "': check the folder.");
+    }
+}
+
+}  // namespace
+
+nlohmann::json ImageMeaning::toJson() const {
+    nlohmann::json description = {{"values", values},
+                                  {"unit", unit},
+                                  {"source_frames", sourceFrames},
+                                  {"reference_frame", referenceFrame},
+                                  {"software", "kelvo-sr " + toolVersion()}};
+    if (!encoding.is_null()) {
+        description["encoding"] = encoding;
+    }
+    return description;
+}
+
+std::string valueKindName(ValueKind values) {
+    return values == ValueKind::kCounts ? "counts" : "temperature";
+}
+
+ImageMeaning meaningOf(ValueKind values) {
+    ImageMeaning meaning;
+    meaning.values = valueKindName(values);
+    meaning.unit = values == ValueKind::kCounts ? "counts" : "°C";
+    return meaning;
+}
+
+std::string toolVersion() {
+    return KELVO_TOOL_VERSION;
+}
+
+void requireExtension(const std::string& path, const std::vector<std::string>& extensions,
+                      const std::string& advice) {
+    const std::string extension = lowerCaseExtension(path);
+    if (std::find(extensions.begin(), extensions.end(), extension) == extensions.end()) {
+        throw std::runtime_error(advice);
+    }
+}
+
+void writeFloatTiff(const std::string& path, const cv::Mat_<float>& image,
+                    const ImageMeaning& meaning) {
+    static const bool handlerSet = [] {
+        TIFFSetErrorHandler(keepTiffMessage);
+        TIFFSetWarningHandler(nullptr);
+        return true;
+    }();
+    (void)handlerSet;
+    tiffMessage = "check the folder";
+    TIFF* tiff = TIFFOpen(path.c_str(), "w");
+    if (tiff == nullptr) {
+        throw std::runtime_error("Cannot write '" + path + "': " + tiffMessage + ".");
+    }
+    const bool written = writeTiffFile(tiff, image, meaning.toJson().dump());
+    const bool flushed = written && TIFFFlush(tiff) == 1;
+    TIFFClose(tiff);
+    if (!flushed) {
+        std::filesystem::remove(path);
+        throw std::runtime_error("Cannot write '" + path + "': " + tiffMessage + ".");
+    }
+}
+
+SixteenBitEncoding default16BitEncoding(ValueKind values) {
+    return values == ValueKind::kCounts ? SixteenBitEncoding{1.0, 0.0}
+                                        : SixteenBitEncoding{100.0, 27315.0};
+}
+
+int write16BitPng(const std::string& path, const cv::Mat_<float>& image,
+                  SixteenBitEncoding encoding, ImageMeaning meaning) {
+    cv::Mat_<unsigned short> stored(image.size());
+    int clamped = 0;
+    for (int r = 0; r < image.rows; ++r) {
+        for (int c = 0; c < image.cols; ++c) {
+            const double value = std::round(image(r, c) * encoding.scale + encoding.offset);
+            const bool inside = value >= 0.0 && value <= 65535.0;  // false for NaN
+            clamped += !inside;
+            stored(r, c) =
+                static_cast<unsigned short>(inside ? value : (value > 0.0 ? 65535.0 : 0.0));
+        }
+    }
+    meaning.encoding = {{"value", "(stored - offset) / scale"},
+                        {"scale", encoding.scale},
+                        {"offset", encoding.offset},
+                        {"clamped_pixels", clamped}};
+    writePngWithText(path, stored, meaning);
+    return clamped;
 }
 
 void write16BitImage(const std::string& path, const cv::Mat& image) {
     write(path, image);
 }
 
-void default16BitEncoding(ValueKind values, double& scale, double& offset) {
-    if (values == ValueKind::kCounts) {
-        scale = 1.0;
-        offset = 0.0;
+void writeColourImage(const std::string& path, const cv::Mat& image, const ImageMeaning* meaning) {
+    if (meaning != nullptr && lowerCaseExtension(path) == ".png") {
+        writePngWithText(path, image, *meaning);
     } else {
-        scale = 100.0;
-        offset = 27315.0;
+        write(path, image);
     }
-}
-
-void writeColourImage(const std::string& path, const cv::Mat& image) {
-    write(path, image);
 }
 
 }  // namespace kelvo::tools

@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/ImageFiles.h"
 
 using namespace kelvo::tools;
 
@@ -37,6 +38,7 @@ void addRawOptions(CLI::App& command, std::string& size, std::string& type,
 int main(int argc, char** argv) {
     CLI::App app{"kelvo-sr: super-resolution of thermal-camera bursts (2x in each direction)"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", "kelvo-sr " + toolVersion());
 
     DemoOptions demo;
     CLI::App* demoCommand =
@@ -61,11 +63,19 @@ int main(int argc, char** argv) {
                      "frame files, oldest first (PNG, TIFF, JPEG, or raw with --size/--type)")
         ->required()
         ->expected(5, -1);
-    burstCommand->add_option("-o,--output", burst.output, "32-bit float TIFF result")
+    burstCommand
+        ->add_option("-o,--output", burst.output,
+                     "result as a 32-bit float TIFF (.tif/.tiff, deflate-compressed; keeps the "
+                     "values bit for bit, and says in its tags what they are and which frames "
+                     "made them)")
         ->capture_default_str();
     burstCommand->add_option("--png", burst.png,
-                             "also a 16-bit PNG (counts as they are, temperatures in "
-                             "centikelvin)");
+                             "also a 16-bit PNG: counts as they are, temperatures in centikelvin "
+                             "(stored = value x 100 + 27315), rounded; values beyond 0..65535 are "
+                             "clamped with a warning");
+    burstCommand->add_option("--json", burst.json,
+                             "also a JSON record of the run: frames, reference, shifts, valid "
+                             "fractions, status, time, values, version");
     burstCommand->add_option("--preview", burst.preview, "also a colour-palette preview PNG");
     burstCommand->add_option("--compare", burst.compare,
                              "also a PNG of the reference frame's bicubic upscaling beside the "
@@ -85,6 +95,27 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     sequenceCommand->add_flag("--previews", sequence.previews,
                               "also write a colour-palette preview per result");
+    sequenceCommand->add_option("--json", sequence.json,
+                                "also a JSON record of the run: one entry per result, and the "
+                                "frames skipped");
+    sequenceCommand->add_option("--start", sequence.start, "first frame to use, counted from 0")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    sequenceCommand
+        ->add_option("--end", sequence.end, "last frame to use, counted from 0 (default: the last)")
+        ->check(CLI::NonNegativeNumber);
+    sequenceCommand
+        ->add_option("--every", sequence.every,
+                     "one result every N frames (the window still holds five consecutive "
+                     "frames)")
+        ->check(CLI::Range(1, 1000000))
+        ->capture_default_str();
+    sequenceCommand
+        ->add_option("--jobs", sequence.jobs,
+                     "results computed at once, each on its own engine (the same results as "
+                     "one at a time)")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
     addRawOptions(*sequenceCommand, sequence.rawSize, sequence.rawType, {"u16", "i16", "f32"});
     addEngineOptions(*sequenceCommand, sequence.engine);
 

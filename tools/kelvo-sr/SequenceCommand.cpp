@@ -129,7 +129,7 @@ int runSequence(const SequenceOptions& options) {
             std::snprintf(name, sizeof(name), "sr_%06d", frames - 1);
             const cv::Mat_<float> result = resolver->result();
             writeFloatTiff(
-                (fs::path(options.outputFolder) / (std::string(name) + ".tiff")).string(), result);
+                (fs::path(options.outputFolder) / (std::string(name) + ".tiff")).string(), result, {});
             if (options.previews) {
                 writeColourImage(
                     (fs::path(options.outputFolder) / (std::string(name) + ".png")).string(),

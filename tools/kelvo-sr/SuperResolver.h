@@ -35,6 +35,8 @@ public:
     // The full displacement of every frame of the last pass against the reference.
     std::vector<cv::Point2f> estimatedShifts() const;
     cv::Size frameSize() const { return size; }
+    // The handle of the context, for the interface's functions that report on a pass.
+    int contextHandle() const { return handle; }
 
     void setVerbose(bool value) { verbose = value; }
 
