@@ -1,5 +1,6 @@
 #include "tools/kelvo-sr/FrameReader.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <opencv2/imgcodecs.hpp>
@@ -13,6 +14,24 @@ namespace {
 bool isRawFile(const std::string& path) {
     const std::string extension = std::filesystem::path(path).extension().string();
     return extension == ".raw" || extension == ".bin";
+}
+
+// The JPEG decoder fills a truncated file's missing rows with grey and only warns, so
+// completeness is checked here: a whole JPEG ends with the end-of-image marker FF D9
+// (followed at most by a little padding).
+bool isTruncatedJpeg(const std::string& path) {
+    std::string extension = std::filesystem::path(path).extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(), ::tolower);
+    if (extension != ".jpg" && extension != ".jpeg") {
+        return false;
+    }
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    const std::streamoff size = file.tellg();
+    const std::streamoff tail = std::min<std::streamoff>(size, 64);
+    std::string end(static_cast<std::size_t>(tail), '\0');
+    file.seekg(size - tail);
+    file.read(end.data(), tail);
+    return end.find("\xff\xd9") == std::string::npos;
 }
 
 std::size_t bytesPerPixel(RawType type) {
@@ -95,19 +114,32 @@ cv::Mat readStoredImage(const std::string& path, const RawFormat* rawFormat) {
     if (image.empty()) {
         throw std::runtime_error("Cannot read '" + path + "': not an image this tool can decode.");
     }
+    if (isTruncatedJpeg(path)) {
+        throw std::runtime_error("Cannot read '" + path +
+                                 "': the JPEG file is truncated (it lacks its end marker).");
+    }
     return image;
 }
 
-cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat) {
-    cv::Mat image = readStoredImage(path, rawFormat);
-    if (image.channels() == 4) {
-        cv::cvtColor(image, image, cv::COLOR_BGRA2GRAY);
-    } else if (image.channels() == 3) {
-        cv::cvtColor(image, image, cv::COLOR_BGR2GRAY);
+cv::Mat_<float> toSingleChannelFrame(const cv::Mat& image, const std::string& name) {
+    std::vector<cv::Mat> channels;
+    cv::split(image, channels);
+    for (std::size_t c = 1; c < std::min<std::size_t>(channels.size(), 3); ++c) {
+        if (cv::countNonZero(channels[c] != channels[0]) > 0) {
+            throw std::runtime_error(
+                "'" + name +
+                "' is a colour picture: a colour palette maps temperatures to colours in a way "
+                "that cannot be turned back into values, so its pixels cannot be measured. Give "
+                "the camera's grey or raw frames.");
+        }
     }
     cv::Mat_<float> frame;
-    image.convertTo(frame, CV_32F);
+    channels.front().convertTo(frame, CV_32F);
     return frame;
+}
+
+cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat) {
+    return toSingleChannelFrame(readStoredImage(path, rawFormat), path);
 }
 
 }  // namespace kelvo::tools

@@ -21,10 +21,15 @@ bool parseFrameSize(const std::string& text, int& width, int& height);
 bool parseRawType(const std::string& text, RawType& type);
 
 // Reads one frame as a single-channel float image of the stored values: 8- and 16-bit
-// PNG, TIFF and JPEG, 32-bit float TIFF (colour images are converted to grey), and
+// PNG, TIFF and JPEG, 32-bit float TIFF (grey stored in colour channels too), and
 // headerless raw files (.raw, .bin) when a raw format is given. Throws
 // std::runtime_error with a sentence naming the file when it cannot.
 cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat);
+
+// A single-channel float frame of the image. Three or four channels are accepted only when
+// they hold the same grey; a palette-coloured picture throws std::runtime_error naming
+// `name` and saying why its values cannot be measured.
+cv::Mat_<float> toSingleChannelFrame(const cv::Mat& image, const std::string& name);
 
 // Reads one image with the channels and pixel type it is stored in (a raw file as its
 // type); throws like readFrame.

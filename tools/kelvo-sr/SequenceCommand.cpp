@@ -4,14 +4,18 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <future>
 #include <iostream>
 #include <map>
+#include <mutex>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
 #include "tools/kelvo-sr/ImageFiles.h"
+#include "tools/kelvo-sr/QuietStandardOutput.h"
+#include "tools/kelvo-sr/RunReport.h"
 #include "tools/simulator/ThermalPreview.h"
 
 namespace kelvo::tools {
@@ -19,6 +23,11 @@ namespace kelvo::tools {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr int kWindowSize = 5;
+// Frames held at once: enough windows for every job, little memory (64 frames of
+// 640x512 take 84 MB).
+constexpr int kBatchFrames = 64;
 
 bool isFrameFile(const fs::path& path) {
     std::string extension = path.extension().string();
@@ -31,17 +40,63 @@ bool isFrameFile(const fs::path& path) {
     return false;
 }
 
-// The frames of a folder in name order, or of a video file in time order.
+// File names in the order people number them: "frame2" before "frame10". Runs of digits
+// compare by value, everything else character by character.
+bool naturalLess(const std::string& a, const std::string& b) {
+    std::size_t i = 0, j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (std::isdigit(static_cast<unsigned char>(a[i])) &&
+            std::isdigit(static_cast<unsigned char>(b[j]))) {
+            std::size_t endA = i, endB = j;
+            while (endA < a.size() && std::isdigit(static_cast<unsigned char>(a[endA])))
+                ++endA;
+            while (endB < b.size() && std::isdigit(static_cast<unsigned char>(b[endB])))
+                ++endB;
+            std::size_t startA = a.find_first_not_of('0', i), startB = b.find_first_not_of('0', j);
+            startA = std::min(startA, endA);
+            startB = std::min(startB, endB);
+            if (endA - startA != endB - startB) {
+                return endA - startA < endB - startB;
+            }
+            const int order = a.compare(startA, endA - startA, b, startB, endB - startB);
+            if (order != 0) {
+                return order < 0;
+            }
+            i = endA;
+            j = endB;
+        } else {
+            if (a[i] != b[j]) {
+                return a[i] < b[j];
+            }
+            ++i;
+            ++j;
+        }
+    }
+    return a.size() - i < b.size() - j || (a.size() - i == b.size() - j && a < b);
+}
+
+struct NamedFrame {
+    std::string name;  // the file, or the frame's number in a video
+    cv::Mat_<float> image;
+};
+
+// The frames of a folder in natural name order, or of a video file in time order, from
+// position `start` to `end`. Frames that cannot be read are skipped with a warning.
 class FrameSequence {
 public:
-    FrameSequence(const std::string& input, const RawFormat* rawFormat) : rawFormat(rawFormat) {
+    FrameSequence(const SequenceOptions& options, const RawFormat* rawFormat)
+        : rawFormat(rawFormat), position(options.start), end(options.end) {
+        const std::string& input = options.input;
         if (fs::is_directory(input)) {
             for (const auto& entry : fs::directory_iterator(input)) {
                 if (entry.is_regular_file() && isFrameFile(entry.path())) {
                     files.push_back(entry.path().string());
                 }
             }
-            std::sort(files.begin(), files.end());
+            std::sort(files.begin(), files.end(), [](const std::string& a, const std::string& b) {
+                return naturalLess(fs::path(a).filename().string(),
+                                   fs::path(b).filename().string());
+            });
             if (files.empty()) {
                 throw std::runtime_error("'" + input + "' holds no frame files.");
             }
@@ -51,114 +106,248 @@ public:
             throw std::runtime_error("Cannot read '" + input +
                                      "': neither a folder of frames nor a video file.");
         }
-    }
-
-    // Number of frames, or -1 when a video does not tell.
-    int count() const {
-        if (!files.empty()) {
-            return static_cast<int>(files.size());
+        for (int skipped = 0; skipped < options.start && video.grab(); ++skipped) {
         }
-        const double frames = video.get(cv::CAP_PROP_FRAME_COUNT);
-        return frames > 0 ? static_cast<int>(frames) : -1;
     }
 
-    bool next(cv::Mat_<float>& frame) {
-        if (!files.empty()) {
-            if (position >= files.size()) {
+    // Number of frames to read, or -1 when a video does not tell.
+    int count() const {
+        const double total =
+            files.empty() ? video.get(cv::CAP_PROP_FRAME_COUNT) : static_cast<double>(files.size());
+        if (total <= 0) {
+            return -1;
+        }
+        const int last = end >= 0 ? std::min<int>(end, static_cast<int>(total) - 1)
+                                  : static_cast<int>(total) - 1;
+        return std::max(0, last - position + 1);
+    }
+
+    // The next readable frame; false at the end. Unreadable files are added to `skipped`.
+    bool next(NamedFrame& frame, std::vector<std::pair<std::string, std::string>>& skipped) {
+        while (end < 0 || position <= end) {
+            if (files.empty()) {
+                cv::Mat image;
+                if (!video.read(image) || image.empty()) {
+                    return false;
+                }
+                char name[32];
+                std::snprintf(name, sizeof(name), "frame_%06d", position++);
+                frame.name = name;
+                frame.image = toSingleChannelFrame(image, name);
+                return true;
+            }
+            if (position >= static_cast<int>(files.size())) {
                 return false;
             }
-            frame = readFrame(files[position++], rawFormat);
-            return true;
+            frame.name = files[position++];
+            try {
+                frame.image = readFrame(frame.name, rawFormat);
+                return true;
+            } catch (const std::runtime_error& error) {
+                std::cerr << "warning: skipped " << frame.name << ": " << error.what() << std::endl;
+                skipped.emplace_back(frame.name, error.what());
+            }
         }
-        cv::Mat image;
-        if (!video.read(image) || image.empty()) {
-            return false;
-        }
-        if (image.channels() == 3) {
-            cv::cvtColor(image, image, cv::COLOR_BGR2GRAY);
-        }
-        image.convertTo(frame, CV_32F);
-        ++position;
-        return true;
+        return false;
     }
 
 private:
     const RawFormat* rawFormat;
     std::vector<std::string> files;
     cv::VideoCapture video;
-    std::size_t position = 0;
+    int position;
+    int end;
 };
+
+std::string resultStem(const std::string& referenceName) {
+    return fs::path(referenceName).stem().string() + "_sr";
+}
 
 void showProgress(int done, int total) {
     const int width = 40;
     if (total > 0) {
-        const int filled = width * done / total;
+        const int filled = width * std::min(done, total) / total;
         std::fprintf(stderr, "\r[%s%s] %d/%d", std::string(filled, '#').c_str(),
                      std::string(width - filled, ' ').c_str(), done, total);
     } else {
-        std::fprintf(stderr, "\r%d frames", done);
+        std::fprintf(stderr, "\r%d results", done);
     }
     std::fflush(stderr);
 }
 
+// Computes the results of a run of consecutive windows on one engine of its own: the
+// first window fills it, each further one slides it by a frame. A result depends on
+// the frames of its window only, so any split of the windows gives the same results.
+class WindowWorker {
+public:
+    // Every engine takes the frames as the kind the run chose from its first frame.
+    WindowWorker(const SequenceOptions& options, ValueKind values)
+        : options(options), engineOptions(options.engine), values(values) {
+        engineOptions.values = valueKindName(values);
+    }
+
+    // Results for the windows ending at the batch positions `ends` (ascending).
+    std::vector<ResultRecord> run(const std::vector<NamedFrame>& batch,
+                                  const std::vector<int>& ends) {
+        std::vector<ResultRecord> records;
+        std::unique_ptr<SuperResolver> resolver;
+        int fedUpTo = -1;
+        for (const int end : ends) {
+            if (!resolver || fedUpTo != end - 1) {
+                resolver = newResolver(batch.front().image);
+                fedUpTo = end - kWindowSize;
+            }
+            int status = 0;
+            double passMilliseconds = 0.0;
+            while (fedUpTo < end) {
+                const auto start = std::chrono::steady_clock::now();
+                status = resolver->addFrame(batch[++fedUpTo].image);
+                passMilliseconds = std::chrono::duration<double, std::milli>(
+                                       std::chrono::steady_clock::now() - start)
+                                       .count();
+            }
+            std::vector<std::string> window;
+            for (int i = end - kWindowSize + 1; i <= end; ++i) {
+                window.push_back(batch[i].name);
+            }
+            ResultRecord record = recordLastPass(*resolver, window, options.engine.referenceIndex,
+                                                 status, passMilliseconds);
+            write(*resolver, record);
+            records.push_back(record);
+        }
+        return records;
+    }
+
+private:
+    std::unique_ptr<SuperResolver> newResolver(const cv::Mat_<float>& firstFrame) {
+        // Contexts open and close one at a time; the passes run in parallel.
+        static std::mutex contexts;
+        std::lock_guard<std::mutex> lock(contexts);
+        auto resolver = makeSuperResolver(engineOptions, firstFrame);
+        resolver->setVerbose(true);  // the run silences standard output once for all jobs
+        return resolver;
+    }
+
+    void write(const SuperResolver& resolver, ResultRecord& record) const {
+        const cv::Mat_<float> result = resolver.result();
+        ImageMeaning meaning = meaningOf(values);
+        for (const FrameRecord& frame : record.frames) {
+            meaning.sourceFrames.push_back(frame.file);
+        }
+        meaning.referenceFrame = record.reference;
+        const fs::path stem = fs::path(options.outputFolder) / resultStem(record.reference);
+        record.result = stem.string() + ".tiff";
+        writeFloatTiff(record.result, result, meaning);
+        record.outputs.push_back(record.result);
+        if (options.previews) {
+            const std::string preview = stem.string() + ".png";
+            writeColourImage(preview,
+                             ThermalPreview::render(result, ThermalPreview::robustRange(result)),
+                             &meaning);
+            record.outputs.push_back(preview);
+        }
+    }
+
+    const SequenceOptions& options;
+    EngineOptions engineOptions;
+    ValueKind values;
+};
+
 }  // namespace
 
 int runSequence(const SequenceOptions& options) {
+    if (options.end >= 0 && options.end < options.start) {
+        throw std::runtime_error("--end " + std::to_string(options.end) + " lies before --start " +
+                                 std::to_string(options.start) + ".");
+    }
     const auto rawFormat = rawFormatFromOptions(options.rawSize, options.rawType);
-    FrameSequence sequence(options.input, rawFormat.get());
+    FrameSequence sequence(options, rawFormat.get());
     fs::create_directories(options.outputFolder);
     const bool terminal = isatty(STDERR_FILENO) != 0;
+    const int frameCount = sequence.count();
+    const int expectedResults =
+        frameCount >= kWindowSize ? (frameCount - kWindowSize) / options.every + 1 : 0;
 
-    std::unique_ptr<SuperResolver> resolver;
-    std::map<int, int> failures;
-    int frames = 0, passes = 0;
-    double passSeconds = 0.0;
-    cv::Mat_<float> frame;
-    while (sequence.next(frame)) {
-        if (!resolver) {
-            resolver = makeSuperResolver(options.engine, frame);
-        }
-        const auto start = std::chrono::steady_clock::now();
-        const int status = resolver->addFrame(frame);
-        ++frames;
-        if (frames >= 5) {
-            passSeconds +=
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-            ++passes;
-            char name[64];
-            std::snprintf(name, sizeof(name), "sr_%06d", frames - 1);
-            const cv::Mat_<float> result = resolver->result();
-            writeFloatTiff(
-                (fs::path(options.outputFolder) / (std::string(name) + ".tiff")).string(), result, {});
-            if (options.previews) {
-                writeColourImage(
-                    (fs::path(options.outputFolder) / (std::string(name) + ".png")).string(),
-                    ThermalPreview::render(result, ThermalPreview::robustRange(result)));
+    RunRecord run{"sequence", ValueKind::kTemperature, {}, {}};
+    std::vector<NamedFrame>
+        batch;  // the last frames read; the first four repeat the last batch's end
+    int goodFrames = 0;
+    bool valuesChosen = false;
+    {
+        QuietStandardOutput quiet(!options.engine.timings);
+        for (bool more = true; more;) {
+            NamedFrame frame;
+            more = sequence.next(frame, run.skipped);
+            if (more) {
+                if (!valuesChosen) {
+                    run.values = chooseValueKind(options.engine.values, frame.image);
+                    valuesChosen = true;
+                }
+                batch.push_back(std::move(frame));
+                ++goodFrames;
             }
-        }
-        if (status != 0) {
-            ++failures[status];
-        }
-        if (terminal) {
-            showProgress(frames, sequence.count());
+            if (static_cast<int>(batch.size()) < (more ? kBatchFrames : kWindowSize)) {
+                continue;
+            }
+            // Windows end at every `every`-th good frame from the fifth on.
+            const int firstGood = goodFrames - static_cast<int>(batch.size());
+            std::vector<int> ends;
+            for (int end = kWindowSize - 1; end < static_cast<int>(batch.size()); ++end) {
+                if ((firstGood + end - (kWindowSize - 1)) % options.every == 0) {
+                    ends.push_back(end);
+                }
+            }
+            // Contiguous shares of the windows, one per job.
+            const std::size_t jobs =
+                std::min<std::size_t>(options.jobs, std::max<std::size_t>(1, ends.size()));
+            std::vector<std::future<std::vector<ResultRecord>>> shares;
+            for (std::size_t job = 0; job < jobs; ++job) {
+                const std::vector<int> share(ends.begin() + ends.size() * job / jobs,
+                                             ends.begin() + ends.size() * (job + 1) / jobs);
+                shares.push_back(std::async(std::launch::async, [&options, &run, &batch, share] {
+                    return WindowWorker(options, run.values).run(batch, share);
+                }));
+            }
+            for (auto& share : shares) {
+                for (ResultRecord& record : share.get()) {
+                    run.results.push_back(std::move(record));
+                }
+            }
+            if (terminal) {
+                showProgress(static_cast<int>(run.results.size()), expectedResults);
+            }
+            batch.erase(batch.begin(),
+                        batch.end() - std::min<std::size_t>(batch.size(), kWindowSize - 1));
         }
     }
     if (terminal) {
         std::fprintf(stderr, "\n");
     }
 
-    std::cout << "frames: " << frames << ", results: " << passes << " in " << options.outputFolder
-              << std::endl;
-    for (const auto& [status, count] : failures) {
+    std::map<int, int> warnings;
+    double passMilliseconds = 0.0;
+    for (const ResultRecord& record : run.results) {
+        passMilliseconds += record.passMilliseconds;
+        if (record.status != 0) {
+            ++warnings[record.status];
+        }
+    }
+    std::cout << "frames: " << goodFrames << ", skipped: " << run.skipped.size()
+              << ", results: " << run.results.size() << " in " << options.outputFolder << std::endl;
+    for (const auto& [status, count] : warnings) {
         std::cout << "  " << count << " x " << SuperResolver::describe(status) << std::endl;
     }
-    if (passes > 0) {
-        std::cout << "mean time per pass: " << 1000.0 * passSeconds / passes << " ms" << std::endl;
-    } else {
-        std::cerr << "kelvo-sr: fewer than five frames: no result." << std::endl;
+    if (!options.json.empty()) {
+        writeJson(options.json, run);
+        std::cout << "wrote " << options.json << std::endl;
+    }
+    if (run.results.empty()) {
+        std::cerr << "kelvo-sr: fewer than five readable frames: no result." << std::endl;
         return 1;
     }
-    return failures.empty() ? 0 : 2;
+    std::cout << "mean time per pass: " << passMilliseconds / run.results.size() << " ms"
+              << std::endl;
+    return warnings.empty() && run.skipped.empty() ? 0 : 2;
 }
 
 }  // namespace kelvo::tools
