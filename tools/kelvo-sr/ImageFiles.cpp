@@ -189,7 +189,8 @@ int write16BitPng(const std::string& path, const cv::Mat_<float>& image,
     int clamped = 0;
     for (int r = 0; r < image.rows; ++r) {
         for (int c = 0; c < image.cols; ++c) {
-            const double value = std::round(image(r, c) * encoding.scale + encoding.offset);
+            // Halves to even, as OpenCV rounds.
+            const double value = std::nearbyint(image(r, c) * encoding.scale + encoding.offset);
             const bool inside = value >= 0.0 && value <= 65535.0;  // false for NaN
             clamped += !inside;
             stored(r, c) =

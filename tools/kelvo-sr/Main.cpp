@@ -179,6 +179,29 @@ int main(int argc, char** argv) {
     badPixelsCommand->add_flag("--random-colours", badPixels.randomColours,
                                "draw each square in its own colour instead of red");
 
+    // Scripts branch on these; the README lists them too.
+    const std::string parserCodes =
+        "\n  above 100: a mistyped option or argument (the option parser's codes)";
+    app.footer("Exit codes: see --help of each command.");
+    demoCommand->footer("Exit codes:\n  0: the pictures were written\n  1: they could not be written" +
+                        parserCodes);
+    burstCommand->footer(
+        "Exit codes:\n  0: the result was written\n  2: the result was written, but the pass "
+        "warned (defective pixels left, a frame half masked, too little contrast): the "
+        "warning names it\n  1: nothing was written (a frame that cannot be read, a file name "
+        "that does not work)" +
+        parserCodes);
+    sequenceCommand->footer(
+        "Exit codes:\n  0: every result was written from every frame\n  2: results were "
+        "written, but frames were skipped or passes warned (the summary counts them)\n  1: no "
+        "result (fewer than five readable frames, an input that cannot be read)" +
+        parserCodes);
+    badPixelsCommand->footer(
+        "Exit codes:\n  0: every bad pixel was repaired\n  2: the files were written, but some "
+        "bad pixels found no good pixel within --radius\n  1: an image that cannot be read, a "
+        "range or file name that does not work, or a full table" +
+        parserCodes);
+
     CLI11_PARSE(app, argc, argv);
 
     try {

@@ -175,6 +175,20 @@ void showProgress(int done, int total) {
     std::fflush(stderr);
 }
 
+// Engines on several threads do not yet give the results of one engine at a time (the
+// registration of a small frame may fail while another context opens or passes), so
+// every call into the library takes its turn, and the jobs overlap reading, writing and
+// compressing with the passes. The table of contexts holds a slot for every job before
+// the jobs start, so that it never grows under a running pass.
+std::mutex libraryMutex;
+
+void reserveContexts(const EngineOptions& options, const cv::Mat_<float>& firstFrame, int jobs) {
+    std::vector<std::unique_ptr<SuperResolver>> reserved;
+    for (int job = 0; job < jobs; ++job) {
+        reserved.push_back(makeSuperResolver(options, firstFrame));
+    }
+}
+
 // Computes the results of a run of consecutive windows on one engine of its own: the
 // first window fills it, each further one slides it by a frame. A result depends on
 // the frames of its window only, so any split of the windows gives the same results.
@@ -194,42 +208,51 @@ public:
         int fedUpTo = -1;
         for (const int end : ends) {
             if (!resolver || fedUpTo != end - 1) {
-                resolver = newResolver(batch.front().image);
+                renewResolver(resolver, batch.front().image);
                 fedUpTo = end - kWindowSize;
-            }
-            int status = 0;
-            double passMilliseconds = 0.0;
-            while (fedUpTo < end) {
-                const auto start = std::chrono::steady_clock::now();
-                status = resolver->addFrame(batch[++fedUpTo].image);
-                passMilliseconds = std::chrono::duration<double, std::milli>(
-                                       std::chrono::steady_clock::now() - start)
-                                       .count();
             }
             std::vector<std::string> window;
             for (int i = end - kWindowSize + 1; i <= end; ++i) {
                 window.push_back(batch[i].name);
             }
-            ResultRecord record = recordLastPass(*resolver, window, options.engine.referenceIndex,
-                                                 status, passMilliseconds);
-            write(*resolver, record);
+            cv::Mat_<float> result;
+            ResultRecord record;
+            {
+                std::lock_guard<std::mutex> lock(libraryMutex);
+                int status = 0;
+                double passMilliseconds = 0.0;
+                while (fedUpTo < end) {
+                    const auto start = std::chrono::steady_clock::now();
+                    status = resolver->addFrame(batch[++fedUpTo].image);
+                    passMilliseconds = std::chrono::duration<double, std::milli>(
+                                           std::chrono::steady_clock::now() - start)
+                                           .count();
+                }
+                result = resolver->result();
+                record = recordLastPass(*resolver, window, options.engine.referenceIndex, status,
+                                        passMilliseconds);
+            }
+            write(result, record);
             records.push_back(record);
         }
+        renewResolver(resolver, cv::Mat_<float>());
         return records;
     }
 
 private:
-    std::unique_ptr<SuperResolver> newResolver(const cv::Mat_<float>& firstFrame) {
-        // Contexts open and close one at a time; the passes run in parallel.
-        static std::mutex contexts;
-        std::lock_guard<std::mutex> lock(contexts);
-        auto resolver = makeSuperResolver(engineOptions, firstFrame);
+    // Opens a context for the next run of windows in place of the last one.
+    void renewResolver(std::unique_ptr<SuperResolver>& resolver,
+                       const cv::Mat_<float>& firstFrame) {
+        std::lock_guard<std::mutex> lock(libraryMutex);
+        resolver.reset();
+        if (firstFrame.empty()) {
+            return;
+        }
+        resolver = makeSuperResolver(engineOptions, firstFrame);
         resolver->setVerbose(true);  // the run silences standard output once for all jobs
-        return resolver;
     }
 
-    void write(const SuperResolver& resolver, ResultRecord& record) const {
-        const cv::Mat_<float> result = resolver.result();
+    void write(const cv::Mat_<float>& result, ResultRecord& record) const {
         ImageMeaning meaning = meaningOf(values);
         for (const FrameRecord& frame : record.frames) {
             meaning.sourceFrames.push_back(frame.file);

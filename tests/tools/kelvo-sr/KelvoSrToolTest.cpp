@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <tiffio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <set>
 #include <sstream>
@@ -13,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "interface/SuperResolutionContext.h"
+#include "interface/SuperResolutionInterface.h"
 #include "tools/simulator/BurstSimulator.h"
 
 // The kelvo-sr tool run as a user runs it: arguments in, exit code, printed lines and files out.
@@ -80,7 +84,7 @@ protected:
     }
 
     void TearDown() override {
-        if (!folder.empty()) {
+        if (!folder.empty() && !getenv("KEEPTMP")) {
             fs::remove_all(folder);
         }
     }
@@ -175,7 +179,8 @@ TEST_F(KelvoSrTool, BurstTakesCountsFromPngAndRawFrames) {
     const std::vector<std::string> pngs = writeBurst(5, "frame", &frames);
     const ToolRun fromPng = run("burst" + joined(pngs) + " -o png.tiff --png png.png");
     EXPECT_EQ(fromPng.exitCode, 0) << fromPng.output;
-    EXPECT_NE(fromPng.output.find("wrote png.tiff (128x96)"), std::string::npos) << fromPng.output;
+    EXPECT_NE(fromPng.output.find("wrote png.tiff (128x96, 32-bit float)"), std::string::npos)
+        << fromPng.output;
 
     std::vector<std::string> raws;
     for (std::size_t i = 0; i < frames.size(); ++i) {
@@ -250,8 +255,10 @@ TEST_F(KelvoSrTool, SequenceWritesOneResultPerFrameFromTheFifth) {
     for (const auto& entry : fs::directory_iterator(path("results"))) {
         written.insert(entry.path().filename().string());
     }
-    EXPECT_EQ(written, (std::set<std::string>{"sr_000004.tiff", "sr_000005.tiff"}));
-    EXPECT_NE(sequence.output.find("frames: 6, results: 2 in results"), std::string::npos)
+    // Named after the reference frame, the second of each window.
+    EXPECT_EQ(written, (std::set<std::string>{"frame1_sr.tiff", "frame2_sr.tiff"}));
+    EXPECT_NE(sequence.output.find("frames: 6, skipped: 0, results: 2 in results"),
+              std::string::npos)
         << sequence.output;
     EXPECT_NE(sequence.output.find("mean time per pass: "), std::string::npos) << sequence.output;
 
@@ -458,6 +465,173 @@ TEST_F(KelvoSrTool, BurstOfRealFrames) {
     EXPECT_EQ(real.exitCode, 0) << real.output;
     const cv::Mat result = cv::imread(path("real.tiff").string(), cv::IMREAD_UNCHANGED);
     EXPECT_EQ(result.size(), cv::Size(1280, 1024));
+}
+
+// The result the library itself gives for those frames taken as counts.
+cv::Mat_<float> libraryResult(const std::vector<cv::Mat_<unsigned short>>& frames) {
+    const int handle = SuperResolution_init(frames[0].cols, frames[0].rows);
+    kelvo::interface::engineOf(handle)->setDataIsNUC(true);
+    for (const cv::Mat_<unsigned short>& frame : frames) {
+        cv::Mat_<float> values;
+        frame.convertTo(values, CV_32F);
+        SuperResolution_addImage(handle, values.ptr<float>());
+    }
+    cv::Mat_<float> result(2 * frames[0].rows, 2 * frames[0].cols);
+    SuperResolution_getSuperresolutionImage(handle, result.ptr<float>());
+    SuperResolution_release(handle);
+    return result;
+}
+
+std::string fileText(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+// The float TIFF holds the library's result bit for bit, compressed, and says what it is;
+// the 16-bit PNG and the JSON record agree with it; names that would lose values are
+// refused before any work.
+TEST_F(KelvoSrTool, BurstResultsKeepTheirValuesAndSayWhatTheyAre) {
+    std::vector<cv::Mat_<unsigned short>> frames;
+    const std::vector<std::string> names = writeBurst(5, "frame", &frames);
+    const ToolRun burst = run("burst" + joined(names) + " -o r.tiff --png r.png --json r.json");
+    ASSERT_EQ(burst.exitCode, 0) << burst.output;
+    const cv::Mat_<float> expected = libraryResult(frames);
+    const cv::Mat stored = cv::imread(path("r.tiff").string(), cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(stored.type(), CV_32F);
+    EXPECT_EQ(cv::countNonZero(stored != expected), 0);
+
+    TIFF* tiff = TIFFOpen(path("r.tiff").c_str(), "r");
+    ASSERT_NE(tiff, nullptr);
+    uint16_t compression = 0, predictor = 0;
+    char* description = nullptr;
+    TIFFGetField(tiff, TIFFTAG_COMPRESSION, &compression);
+    TIFFGetField(tiff, TIFFTAG_PREDICTOR, &predictor);
+    TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description);
+    const nlohmann::json meaning = nlohmann::json::parse(description ? description : "null");
+    TIFFClose(tiff);
+    EXPECT_EQ(compression, COMPRESSION_ADOBE_DEFLATE);
+    EXPECT_EQ(predictor, PREDICTOR_FLOATINGPOINT);
+    EXPECT_EQ(meaning["values"], "counts");
+    EXPECT_EQ(meaning["reference_frame"], "frame1.png");
+    EXPECT_EQ(meaning["source_frames"].size(), 5u);
+    EXPECT_EQ(meaning["software"], "kelvo-sr " + run("--version").output.substr(9, 5));
+
+    // Counts are stored as they are, rounded.
+    const cv::Mat png = cv::imread(path("r.png").string(), cv::IMREAD_UNCHANGED);
+    cv::Mat_<unsigned short> rounded;
+    expected.convertTo(rounded, CV_16U);
+    EXPECT_EQ(cv::countNonZero(png != rounded), 0);
+    EXPECT_NE(fileText(path("r.png")).find("\"scale\":1.0"), std::string::npos);
+
+    // The record gives what the summary printed.
+    const nlohmann::json record = nlohmann::json::parse(fileText(path("r.json")));
+    EXPECT_EQ(record["values"], "counts");
+    const nlohmann::json& result = record["results"][0];
+    EXPECT_EQ(result["reference"], "frame1.png");
+    ASSERT_EQ(result["frames"].size(), 5u);
+    for (const nlohmann::json& frame : result["frames"]) {
+        char line[128];
+        std::snprintf(line, sizeof(line), "%-32s %9.3f %9.3f %6.1f%%",
+                      frame["file"].get<std::string>().c_str(), frame["shift"][0].get<double>(),
+                      frame["shift"][1].get<double>(),
+                      100.0 * frame["valid_fraction"].get<double>());
+        EXPECT_NE(burst.output.find(line), std::string::npos) << line << "\n" << burst.output;
+    }
+
+    expectFailure("burst" + joined(names) + " -o r.png",
+                  "-o r.png: the result is a 32-bit float TIFF, which keeps the measured values; "
+                  "name it .tif or .tiff");
+    expectFailure("burst" + joined(names) + " --png r.jpg", "--png r.jpg: name it .png.");
+    cv::Mat colour(48, 64, CV_8UC3, cv::Scalar(10, 200, 30));
+    cv::imwrite(path("palette.png").string(), colour);
+    expectFailure("burst palette.png" + joined(names),
+                  "'palette.png' is a colour picture: a colour palette maps temperatures to "
+                  "colours in a way that cannot be turned back into values");
+}
+
+// Negative counts do not fit a 16-bit PNG: they are clamped, counted and said so.
+TEST_F(KelvoSrTool, SixteenBitPngCountsWhatItClamps) {
+    std::vector<cv::Mat_<unsigned short>> frames;
+    writeBurst(5, "frame", &frames);
+    std::vector<std::string> raws;
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        cv::Mat_<short> negative;
+        frames[i].convertTo(negative, CV_16S, 1.0, -20000.0);
+        raws.push_back("frame" + std::to_string(i) + ".raw");
+        writeRaw(path(raws.back()), negative);
+    }
+    const ToolRun burst =
+        run("burst" + joined(raws) + " --size 64x48 --type i16 --values counts --png r.png");
+    EXPECT_EQ(burst.exitCode, 0) << burst.output;
+    const cv::Mat result = cv::imread(path("superresolved.tiff").string(), cv::IMREAD_UNCHANGED);
+    const int below = cv::countNonZero(result < -0.5);
+    ASSERT_GT(below, 0);
+    EXPECT_NE(burst.output.find("warning: r.png: " + std::to_string(below) +
+                                " pixels lie outside what a 16-bit PNG holds"),
+              std::string::npos)
+        << burst.output;
+}
+
+// Frames 1 .. 10 in numeric order with the sixth truncated: it is skipped and named,
+// results are named after their reference frames, any number of jobs gives the same
+// files, and --start/--end/--every pick the windows.
+TEST_F(KelvoSrTool, SequenceOrdersSkipsAndSplitsItsWindows) {
+    fs::create_directories(path("frames"));
+    std::vector<cv::Mat_<unsigned short>> frames;
+    writeBurst(10, "frames/tmp", &frames);
+    for (int i = 0; i < 10; ++i) {
+        fs::rename(path("frames/tmp" + std::to_string(i) + ".png"),
+                   path("frames/" + std::to_string(i + 1) + ".png"));
+    }
+    fs::remove(path("frames/6.png"));
+    std::vector<unsigned char> jpeg;
+    cv::imencode(".jpg", cv::Mat_<unsigned char>(48, 64, 100), jpeg);
+    std::ofstream(path("frames/6.jpg"), std::ios::binary)
+        .write(reinterpret_cast<const char*>(jpeg.data()),
+               static_cast<std::streamsize>(jpeg.size() - 2));
+
+    const ToolRun serial = run("sequence frames -o serial --json serial.json");
+    EXPECT_EQ(serial.exitCode, 2) << serial.output;
+    EXPECT_NE(serial.output.find("warning: skipped frames/6.jpg: Cannot read 'frames/6.jpg': the "
+                                 "JPEG file is truncated"),
+              std::string::npos)
+        << serial.output;
+    EXPECT_NE(serial.output.find("frames: 9, skipped: 1, results: 5 in serial"), std::string::npos)
+        << serial.output;
+    const std::vector<std::string> expected = {"2_sr.tiff", "3_sr.tiff", "4_sr.tiff", "5_sr.tiff",
+                                               "7_sr.tiff"};
+    const nlohmann::json record = nlohmann::json::parse(fileText(path("serial.json")));
+    ASSERT_EQ(record["results"].size(), expected.size());
+    EXPECT_EQ(record["skipped"][0]["file"], "frames/6.jpg");
+    EXPECT_EQ(record["results"][4]["frames"][4]["file"], "frames/10.png");
+
+    const ToolRun parallel = run("sequence frames -o parallel --jobs 3");
+    EXPECT_EQ(parallel.exitCode, 2) << parallel.output;
+    for (const std::string& name : expected) {
+        const std::string serialFile = fileText(path("serial") / name);
+        EXPECT_FALSE(serialFile.empty()) << name;
+        EXPECT_TRUE(fileText(path("parallel") / name) == serialFile) << name;
+    }
+
+    const ToolRun picked = run("sequence frames -o picked --start 1 --end 8 --every 2 --previews");
+    EXPECT_EQ(picked.exitCode, 2) << picked.output;
+    std::set<std::string> written;
+    for (const auto& entry : fs::directory_iterator(path("picked"))) {
+        written.insert(entry.path().filename().string());
+    }
+    EXPECT_EQ(written, (std::set<std::string>{"3_sr.tiff", "3_sr.png", "5_sr.tiff", "5_sr.png"}));
+    expectFailure("sequence frames --start 5 --end 2", "--end 2 lies before --start 5.");
+}
+
+TEST_F(KelvoSrTool, VersionAndExitCodesAreDocumented) {
+    const ToolRun version = run("--version");
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.output.rfind("kelvo-sr ", 0), 0u) << version.output;
+    for (const char* command : {"demo", "burst", "sequence", "badpixels"}) {
+        const ToolRun help = run(std::string(command) + " --help");
+        EXPECT_EQ(help.exitCode, 0);
+        EXPECT_NE(help.output.find("Exit codes:\n  0: "), std::string::npos) << command;
+    }
 }
 
 }  // namespace
