@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Configures and builds the project (release, -O3) into build/.
+# Configures and builds the project (release, -O3) into build/: every target, or only the
+# targets named (scripts/demo.sh builds just the library and the tool).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
-cmake --build build -j "$(nproc)"
+cmake --build build -j "$(nproc)" ${1:+--target "$@"}

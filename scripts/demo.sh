@@ -4,5 +4,5 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
-bash scripts/build.sh
+bash scripts/build.sh kelvo-sr
 ./build/tools/kelvo-sr demo --output kelvo-sr-demo "$@"

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Installs the built library into a temporary prefix, then builds and runs a program outside the
-# project against it twice: found by CMake's find_package, and by pkg-config.
-# Usage: install_and_consume.sh BUILD_DIR CONSUMER_SOURCE_DIR
+# Installs the built library and tool into a temporary prefix, then, as a user outside the
+# project would: builds the examples against the installed CMake package and runs them, builds
+# the C host with pkg-config alone (which must not pull in OpenCV), runs the installed tool from
+# its own folder (it finds the library by its run path), and runs the shell example with it.
+# Usage: install_and_consume.sh BUILD_DIR EXAMPLES_DIR [FRAMES_FOLDER]
 set -euo pipefail
 build_dir=$1
-consumer_dir=$2
+examples_dir=$2
+frames=${3:-}
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -12,16 +15,30 @@ prefix=$work/prefix
 
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 
-echo "== find_package(KelvoSuperRes)"
-cmake -S "$consumer_dir" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" \
+echo "== find_package(KelvoSuperRes): the examples"
+cmake -S "$examples_dir" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" \
       -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$work/cmake-consumer" >/dev/null
-"$work/cmake-consumer/consumer"
+cmake --build "$work/examples" >/dev/null
+"$work/examples/c-host"
+(cd "$work" && "$work/examples/cpp-host" && test -s result.tiff)
 
 echo "== pkg-config kelvo-superres"
 pc_file=$(find "$prefix" -name kelvo-superres.pc)
-libdir=$(PKG_CONFIG_PATH=$(dirname "$pc_file") pkg-config --variable=libdir kelvo-superres)
+export PKG_CONFIG_PATH=$(dirname "$pc_file")
+libs=$(pkg-config --libs kelvo-superres)
+if [[ $libs == *opencv* ]]; then
+    echo "pkg-config --libs pulls OpenCV into a C host: $libs" >&2
+    exit 1
+fi
 # shellcheck disable=SC2046
-cc -o "$work/pkgconfig-consumer" "$consumer_dir/main.c" \
-   $(PKG_CONFIG_PATH=$(dirname "$pc_file") pkg-config --cflags --libs kelvo-superres)
-LD_LIBRARY_PATH=$libdir "$work/pkgconfig-consumer"
+cc -o "$work/pkgconfig-c-host" "$examples_dir/c-host/main.c" \
+   $(pkg-config --cflags kelvo-superres) $libs -lm
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir kelvo-superres) "$work/pkgconfig-c-host"
+
+echo "== the installed tool"
+env -u LD_LIBRARY_PATH "$prefix/bin/kelvo-sr" --version
+if [ -n "$frames" ] && [ -d "$frames" ]; then
+    bash "$examples_dir/shell/sequence-report.sh" "$frames" "$work/sequence" "$prefix/bin/kelvo-sr"
+else
+    echo "no frames at '$frames': the shell example is skipped"
+fi
