@@ -18,9 +18,10 @@ static void renderFrame(float* frame, float dx, float dy) {
     for (int y = 0; y < kHeight; ++y) {
         for (int x = 0; x < kWidth; ++x) {
             const float u = (float)x + dx, v = (float)y + dy;
-            frame[y * kWidth + x] = 20.0f + 15.0f * expf(-((u - 25) * (u - 25) + (v - 20) * (v - 20)) / 60.0f) +
-                                    10.0f * expf(-((u - 55) * (u - 55) + (v - 42) * (v - 42)) / 25.0f) +
-                                    3.0f * sinf(u * 0.3f) * cosf(v * 0.2f);
+            frame[y * kWidth + x] =
+                20.0f + 15.0f * expf(-((u - 25) * (u - 25) + (v - 20) * (v - 20)) / 60.0f) +
+                10.0f * expf(-((u - 55) * (u - 55) + (v - 42) * (v - 42)) / 25.0f) +
+                3.0f * sinf(u * 0.3f) * cosf(v * 0.2f);
         }
     }
 }
@@ -33,8 +34,8 @@ static int fail(const char* call, int status) {
 }
 
 int main(void) {
-    static const float shifts[kFrames][2] = {{0.0f, 0.0f}, {0.5f, 0.25f}, {-0.25f, 0.5f},
-                                             {0.75f, -0.5f}, {-0.5f, -0.25f}};
+    static const float shifts[kFrames][2] = {
+        {0.0f, 0.0f}, {0.5f, 0.25f}, {-0.25f, 0.5f}, {0.75f, -0.5f}, {-0.5f, -0.25f}};
     float* frame = malloc(sizeof(float) * kWidth * kHeight);
     const int handle = SuperResolution_init(kWidth, kHeight);
     if (frame == NULL || handle < 0) {
@@ -62,8 +63,8 @@ int main(void) {
         low = result[p] < low ? result[p] : low;
         high = result[p] > high ? result[p] : high;
     }
-    printf("c-host: %d frames of %dx%d -> %dx%d, %.1f .. %.1f degrees C\n", kFrames, kWidth, kHeight,
-           width, height, low, high);
+    printf("c-host: %d frames of %dx%d -> %dx%d, %.1f .. %.1f degrees C\n", kFrames, kWidth,
+           kHeight, width, height, low, high);
     SuperResolution_release(handle);
     free(result);
     free(frame);
