@@ -67,6 +67,15 @@ std::vector<std::vector<int>> readCsv(const fs::path& path) {
     return rows;
 }
 
+// A simulated burst of 64 x 48 frames whose second frame is the reference.
+Burst simulatedBurst(std::uint64_t seed, int frameCount = 5) {
+    BurstOptions options;
+    options.frameCount = frameCount;
+    options.referenceFrame = 1;
+    options.seed = seed;
+    return BurstSimulator(options).simulate(cv::Size(128, 96));
+}
+
 class KelvoSrTool : public testing::Test {
 protected:
     void SetUp() override {
@@ -123,11 +132,7 @@ protected:
     // file names, oldest first.
     std::vector<std::string> writeBurst(int frameCount, const std::string& prefix,
                                         std::vector<cv::Mat_<unsigned short>>* frames = nullptr) {
-        BurstOptions options;
-        options.frameCount = frameCount;
-        options.referenceFrame = 1;
-        options.seed = 11;
-        const Burst burst = BurstSimulator(options).simulate(cv::Size(128, 96));
+        const Burst burst = simulatedBurst(11, frameCount);
         std::vector<std::string> names;
         for (int i = 0; i < frameCount; ++i) {
             names.push_back(prefix + std::to_string(i) + ".png");
@@ -476,10 +481,7 @@ protected:
     const std::vector<cv::Point> hot = {{30, 12}, {55, 40}, {21, 36}, {22, 35}};
 
     std::vector<std::string> writeRawBurst(const std::string& prefix, bool withDefects) {
-        BurstOptions options;
-        options.referenceFrame = 1;
-        options.seed = 11;
-        const Burst burst = BurstSimulator(options).simulate(cv::Size(128, 96));
+        const Burst burst = simulatedBurst(11);
         std::vector<std::string> names;
         for (int i = 0; i < 5; ++i) {
             cv::Mat_<unsigned short> counts;
@@ -544,10 +546,7 @@ TEST_F(RawCounts, DeadAndHotPixelsLeaveNoBlob) {
 }
 
 TEST_F(KelvoSrTool, ATemperatureBurstWithExtremePixelsStaysInTemperatures) {
-    BurstOptions options;
-    options.referenceFrame = 1;
-    options.seed = 5;
-    const Burst burst = BurstSimulator(options).simulate(cv::Size(128, 96));
+    const Burst burst = simulatedBurst(5);
     std::vector<std::string> names;
     for (int i = 0; i < 5; ++i) {
         cv::Mat_<float> frame = burst.frames[i].clone();
