@@ -119,6 +119,11 @@ int SuperResolution_setDefectivePixels(int handle, const int* positions, int cou
             return reject("Invalid number of defective pixels specified: " + std::to_string(count) +
                           ".");
         }
+        if (count > record.width * record.height) {
+            return reject("Invalid number of defective pixels specified: " + std::to_string(count) +
+                          " in a frame of " + std::to_string(record.width * record.height) +
+                          " pixels.");
+        }
         if (count > 0 && positions == nullptr) {
             return reject("Defective pixel positions pointer is NULL.");
         }

@@ -539,7 +539,16 @@ TEST_F(RawCounts, DeadAndHotPixelsLeaveNoBlob) {
     const ToolRun untreated = run("burst" + frames + " --bad-pixels none -o none.tiff");
     EXPECT_EQ(untreated.exitCode, 0) << untreated.output;
 
+    // A sequence searches its first five frames.
+    fs::create_directories(path("sequence"));
+    writeRawBurst("sequence/frame", true);
+    const ToolRun sequence = run("sequence sequence -o results");
+    EXPECT_EQ(sequence.exitCode, 0) << sequence.output;
+    EXPECT_NE(sequence.output.find("bad pixels: 8 found in all 5 frames"), std::string::npos)
+        << sequence.output;
+
     // The scene spans about 1000 counts there; untreated defects ring thousands beyond it.
+    EXPECT_LT(worstExcursion("results/sr_000004.tiff", cleanResult), 20.0f);
     EXPECT_LT(worstExcursion("auto.tiff", cleanResult), 20.0f);
     EXPECT_LT(worstExcursion("table.tiff", cleanResult), 20.0f);
     EXPECT_GT(worstExcursion("none.tiff", cleanResult), 2000.0f);
