@@ -618,6 +618,18 @@ TEST_F(KelvoSrTool, OnePassOnTheLastFiveFramesNamesAFrameMovedTooFar) {
                                 "frame height (4)"),
               std::string::npos)
         << moved.output;
+
+    // Drowned in noise, the newest frame matches the reference almost nowhere.
+    cv::Mat_<float> noise(burst.frames[6].size());
+    cv::RNG(3).fill(noise, cv::RNG::NORMAL, 0.0, 50.0);
+    cv::imwrite(path("m6.tiff").string(), cv::Mat(burst.frames[5] + noise));
+    const ToolRun drowned = run("burst" + joined(names));
+    EXPECT_EQ(drowned.exitCode, 2) << drowned.output;
+    EXPECT_NE(
+        drowned.output.find("% of m6.tiff matched the reference frame m3.tiff (code -3): "
+                            "check that it shows the same scene, or try another --reference."),
+        std::string::npos)
+        << drowned.output;
 }
 
 // A real frame as noisy 14-bit counts with planted defects: dead, hot, and stuck at values
