@@ -580,6 +580,17 @@ TEST_F(KelvoSrTool, ATemperatureBurstWithExtremePixelsStaysInTemperatures) {
     EXPECT_GT(low, sceneLow - 5.0);
     EXPECT_LT(high, sceneHigh + 5.0);
 
+    // Asked to, the search finds a pixel stuck at one temperature in every frame, and not the
+    // extremes of a single frame.
+    for (int i = 0; i < 5; ++i) {
+        cv::Mat_<float> frame = cv::imread(path(names[i]).string(), cv::IMREAD_UNCHANGED);
+        frame(25, 50) = static_cast<float>(sceneHigh) + 60.0f;
+        cv::imwrite(path(names[i]).string(), frame);
+    }
+    const ToolRun stuck = run("burst" + joined(names) + " --bad-pixels auto -o stuck.tiff");
+    EXPECT_NE(stuck.output.find("bad pixels: 1 found in all 5 frames"), std::string::npos)
+        << stuck.output;
+
     // Above 382 degrees Celsius centikelvin no longer fit 16 bits: the PNG says so.
     for (int i = 0; i < 5; ++i) {
         cv::imwrite(path(names[i]).string(), cv::Mat(burst.frames[i] + 400.0f));
