@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <cmath>
 
+#include "vision/superresolution/GaussianPsf.h"
+#include "vision/superresolution/TvWeights.h"
 #include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
 
 namespace {
-
-constexpr float kFourOverPi = 1.2732395f;
-constexpr float kErfA = 0.1400123f;
 
 // Sums in double are split over this many lanes (term i goes to lane i mod kSumLanes,
 // the lanes are added in order at the end), so that the compiler can vectorise them
@@ -82,12 +81,6 @@ double sumInLanes(int count, Term term) {
     return sum.total();
 }
 
-// Gradient magnitudes are clamped to [epsilon, 1 / epsilon] before they weight the
-// TV term.
-inline float clampMagnitude(float d, float epsilon, float invEpsilon) {
-    return d <= epsilon ? epsilon : (d >= invEpsilon ? invEpsilon : d);
-}
-
 // out[i] = (L in)[i] for the pixels i in [begin, end) whose eight neighbours all lie
 // inside the image (W the row length), the terms added in the order of the general
 // formula. `out` must not overlap the other arrays.
@@ -106,16 +99,6 @@ KELVO_VECTOR_CLONES void stencilInterior(const float* in, const float* right, co
 }
 
 }  // namespace
-
-float approximateErf(float x) {
-    if (x == 0.0f) {
-        return 0.0f;
-    }
-    const float x2 = x * x;
-    const float ax2 = kErfA * x2;
-    const float magnitude = std::sqrt(1.0f - std::exp(-x2 * (kFourOverPi + ax2) / (1.0f + ax2)));
-    return x < 0.0f ? -magnitude : magnitude;
-}
 
 SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor)
     : lrWidth(lrWidth),
@@ -164,25 +147,9 @@ void SrFloatMinimization::setEpsilon(float value) {
     invEpsilon = 1.0f / value;
 }
 
-// Tap k holds the mass of the Gaussian over one pixel, taken outward from the centre
-// between taps half - 1 and half: (erf((k + 1) c) - erf(k c)) / 2 with
-// c = 1 / (sqrt(2) sigma), normalised to sum 1.
 void SrFloatMinimization::setPsfSigma(float value) {
     psfSigma = value;
-    std::fill(basePsf.begin(), basePsf.end(), 0.0f);
-    const int half = psfSize / 2;
-    const float c = 1.0f / (std::sqrt(2.0f) * value);
-    float sum = 0.0f;
-    for (int i = 0; factor > static_cast<float>(i) && i < half; ++i) {
-        const float v = 0.5f * (approximateErf(static_cast<float>(i + 1) * c) -
-                                approximateErf(static_cast<float>(i) * c));
-        basePsf[half - 1 - i] = v;
-        basePsf[half + i] = v;
-        sum += 2.0f * v;
-    }
-    for (float& tap : basePsf) {
-        tap /= sum;
-    }
+    buildBasePsf(value, factor, psfSize, basePsf.data());
 }
 
 KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refIndex,
@@ -245,27 +212,10 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
     return total;
 }
 
-// The base PSF moved by s = factor * shift high-resolution pixels, by linear
-// interpolation between neighbouring taps; the zero tap at the far end absorbs the move.
 void SrFloatMinimization::generatePsfs(int numFrames, cv::Point_<float>* const shifts) {
-    const float* base = basePsf.data();
-    const int n = psfSize;
-    auto shiftPsf = [&](float s, float* psf) {
-        if (s < 0.0f) {
-            psf[0] = 0.0f;
-            for (int j = 1; j < n; ++j) {
-                psf[j] = (s + 1.0f) * base[j] + (-s) * base[j - 1];
-            }
-        } else {
-            for (int j = 0; j < n - 1; ++j) {
-                psf[j] = (1.0f - s) * base[j] + s * base[j + 1];
-            }
-            psf[n - 1] = 0.0f;
-        }
-    };
     for (int k = 0; k < numFrames; ++k) {
-        shiftPsf(factor * shifts[k].x, psfX[k].data());
-        shiftPsf(factor * shifts[k].y, psfY[k].data());
+        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].x, psfX[k].data());
+        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].y, psfY[k].data());
     }
 }
 
@@ -344,58 +294,13 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     return false;
 }
 
-// Lagged diffusivity: every pair of neighbours (right, down and the two diagonals at
-// distance sqrt 2) gets the weight -1 / (weightTV g(|x_a - x_b| / distance)), the
-// diagonals halved, with g the clamped magnitude. The diagonal of L, minus the sum
-// of the eight weights of a pixel, is formed where L is applied (neighbourWeightSum),
-// so that L x is a weighted Laplacian of x.
+// Lagged diffusivity (TvWeights.h). The diagonal of L, minus the sum of the eight
+// weights of a pixel, is formed where L is applied (neighbourWeightSum), so that L x
+// is a weighted Laplacian of x.
 KELVO_VECTOR_CLONES void SrFloatMinimization::computeL(int firstRow, int endRow) {
-    const int w = fullWidth;
-    const float* x = estimate.data();
-    float* right = weightRight.data();
-    float* down = weightDown.data();
-    float* downLeft = weightDownLeft.data();
-    float* downRight = weightDownRight.data();
-    const float q = 1.0f / std::sqrt(2.0f);
-    const float n = negInvWeightTV;
-    const float lo = epsilon;
-    const float hi = invEpsilon;
-    auto straight = [=](float a, float b) { return n / clampMagnitude(std::fabs(b - a), lo, hi); };
-    auto diagonal = [=](float a, float b) {
-        return n / clampMagnitude(std::fabs(b - a) * q, lo, hi) * 0.5f;
-    };
-
-    for (int y = firstRow; y < endRow; ++y) {
-        const int row = y * w;
-        const int rowEnd = row + w;
-        for (int i = row; i < rowEnd - 1; ++i) {
-            right[i] = straight(x[i], x[i + 1]);
-        }
-        right[rowEnd - 1] = 0.0f;
-        if (y == fullHeight - 1) {
-            std::fill(down + row, down + rowEnd, 0.0f);
-            std::fill(downLeft + row, downLeft + rowEnd, 0.0f);
-            std::fill(downRight + row, downRight + rowEnd, 0.0f);
-            continue;
-        }
-        for (int i = row; i < rowEnd; ++i) {
-            down[i] = straight(x[i], x[i + w]);
-        }
-        downLeft[row] = 0.0f;
-        for (int i = row + 1; i < rowEnd; ++i) {
-            downLeft[i] = diagonal(x[i], x[i + w - 1]);
-        }
-        for (int i = row; i < rowEnd - 1; ++i) {
-            downRight[i] = diagonal(x[i], x[i + w + 1]);
-        }
-        downRight[rowEnd - 1] = 0.0f;
-        if (y == 0) {
-            // Pixel 0 takes the weights of pixel 1 and no down-left pair.
-            right[0] = straight(x[1], x[2]);
-            down[0] = straight(x[1], x[w + 1]);
-            downRight[0] = diagonal(x[1], x[w + 2]);
-        }
-    }
+    computeTvWeights(estimate.data(), fullWidth, fullHeight, {negInvWeightTV, epsilon, invEpsilon},
+                     firstRow, endRow, weightRight.data(), weightDown.data(), weightDownLeft.data(),
+                     weightDownRight.data());
 }
 
 // The sum of the eight neighbour weights of pixel i, in the order

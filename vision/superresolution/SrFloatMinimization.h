@@ -3,6 +3,7 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "vision/superresolution/GaussianPsf.h"
 #include "vision/superresolution/SrFloatConvolution.h"
 
 namespace kelvo::vision {
@@ -95,10 +96,5 @@ private:
     // beta of the direction update still to be applied (see iteration).
     float directionBeta = 0.0f;
 };
-
-// The error function as every Gaussian tap of the library computes it:
-//   erf(x) = sign(x) sqrt(1 - exp(-x^2 (4/pi + a x^2) / (1 + a x^2))),  a = 0.1400123,
-// with erf(0) = 0 exactly.
-float approximateErf(float x);
 
 }  // namespace kelvo::vision
