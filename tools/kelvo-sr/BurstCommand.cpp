@@ -4,6 +4,7 @@
 
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/simulator/ImageQuality.h"
 #include "tools/simulator/ThermalPreview.h"
@@ -42,7 +43,7 @@ int runBurst(const BurstCommandOptions& options) {
     for (const std::string& path : options.frames) {
         frames.push_back(readFrame(path, rawFormat.get()));
     }
-    const auto resolver = makeSuperResolver(options.engine, frames.front());
+    const auto resolver = makeFrameEngine(options.engine, frames.front());
 
     // With more than five frames the window slides: the last five make the result.
     int lastStatus = 0;
@@ -55,6 +56,7 @@ int runBurst(const BurstCommandOptions& options) {
         lastStatus = status;
     }
     const cv::Mat_<float> result = resolver->result();
+    std::cout << describeQualityMap(resolver->estimatedShifts());
 
     writeFloatTiff(options.output, result);
     std::cout << "wrote " << options.output << " (" << result.cols << "x" << result.rows << ")"

@@ -12,6 +12,8 @@ struct EngineOptions {
     int referenceIndex = 3;
     std::string values = "auto";  // auto, temperature or counts
     bool timings = false;
+    std::string engine = "float";          // float or reference
+    std::vector<std::string> calibration;  // reference engine: two-point calibration of counts
 };
 
 struct DemoOptions {

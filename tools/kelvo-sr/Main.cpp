@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 
 using namespace kelvo::tools;
 
@@ -23,6 +24,7 @@ void addEngineOptions(CLI::App& command, EngineOptions& options) {
         ->check(CLI::IsMember({"auto", "temperature", "counts"}))
         ->capture_default_str();
     command.add_flag("--timings", options.timings, "print the library's timing lines");
+    addEngineChoiceOptions(command, options);
 }
 
 void addRawOptions(CLI::App& command, std::string& size, std::string& type,

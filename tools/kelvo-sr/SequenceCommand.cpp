@@ -10,6 +10,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "tools/kelvo-sr/CommandSupport.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/Commands.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/simulator/ThermalPreview.h"
@@ -109,14 +110,14 @@ int runSequence(const SequenceOptions& options) {
     fs::create_directories(options.outputFolder);
     const bool terminal = isatty(STDERR_FILENO) != 0;
 
-    std::unique_ptr<SuperResolver> resolver;
+    std::unique_ptr<FrameEngine> resolver;
     std::map<int, int> failures;
     int frames = 0, passes = 0;
     double passSeconds = 0.0;
     cv::Mat_<float> frame;
     while (sequence.next(frame)) {
         if (!resolver) {
-            resolver = makeSuperResolver(options.engine, frame);
+            resolver = makeFrameEngine(options.engine, frame);
         }
         const auto start = std::chrono::steady_clock::now();
         const int status = resolver->addFrame(frame);
