@@ -84,6 +84,19 @@ float estimateSrFactor(const char* const* masks, int count, int inputSize, int c
     return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
 }
 
+void repairResultBadPixels(SuperResolutionBadPixelHandling& handling, float* result,
+                           cv::Size outputSize, const std::vector<cv::Point_<float>>& shifts,
+                           float* const* frames, int count, cv::Size frameSize,
+                           std::vector<cv::Mat_<float>>& frameViews) {
+    cv::Mat_<float> resultMatrix(outputSize.height, outputSize.width, result);
+    handling.maskBadPixel(resultMatrix, shifts);
+    frameViews.clear();
+    for (int i = 0; i < count; ++i) {
+        frameViews.emplace_back(frameSize.height, frameSize.width, frames[i]);
+    }
+    handling.replaceMaskedPixel(resultMatrix, shifts, frameViews);
+}
+
 void copyMasks(const char* const* masks, int count, int width, int height,
                std::vector<cv::Mat_<unsigned char>>& out) {
     out.resize(count);

@@ -5,6 +5,8 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "vision/superresolution/SuperResolutionBadPixelHandling.h"
+
 namespace kelvo::vision {
 
 // What the super-resolution engines share around their stages: the checks of their
@@ -57,6 +59,15 @@ int displacementAndMaskStatus(const Point* shifts, const char* const* masks, int
 // Mean number of extra frames that see each input pixel, capped at cap - 1 and mapped
 // so that one frame per pixel gives 1 and cap frames give 1 + (cap - 1) / 4.
 float estimateSrFactor(const char* const* masks, int count, int inputSize, int cap);
+
+// The bad-pixel stage of a pass: marks the pixels of the result (outputSize) that
+// defective input pixels influenced and refills them from good pixels of the `count`
+// frames (frameSize each, oldest first). frameViews is the caller's storage for the
+// frame headers, reused from pass to pass.
+void repairResultBadPixels(SuperResolutionBadPixelHandling& handling, float* result,
+                           cv::Size outputSize, const std::vector<cv::Point_<float>>& shifts,
+                           float* const* frames, int count, cv::Size frameSize,
+                           std::vector<cv::Mat_<float>>& frameViews);
 
 // Resizes `out` to `count` height x width 8-bit matrices (reusing those of that shape)
 // and copies the masks into them.

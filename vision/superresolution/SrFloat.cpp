@@ -233,13 +233,9 @@ float SrFloat<Registration>::computeSR(float* out) {
         return static_cast<float>(iterations);
     }
 
-    cv::Mat_<float> resultMatrix(outputHeight, outputWidth, result.data());
-    badPixelHandling.maskBadPixel(resultMatrix, completeShifts);
-    frameViews.clear();
-    for (int i = 0; i < storedFrames; ++i) {
-        frameViews.emplace_back(height, width, framePointers[i]);
-    }
-    badPixelHandling.replaceMaskedPixel(resultMatrix, completeShifts, frameViews);
+    repairResultBadPixels(badPixelHandling, result.data(), {outputWidth, outputHeight},
+                          completeShifts, framePointers.data(), storedFrames, {width, height},
+                          frameViews);
 
     watch.start();
     saveFrame(out);

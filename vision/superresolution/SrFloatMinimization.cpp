@@ -295,33 +295,12 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
 }
 
 // Lagged diffusivity (TvWeights.h). The diagonal of L, minus the sum of the eight
-// weights of a pixel, is formed where L is applied (neighbourWeightSum), so that L x
+// weights of a pixel, is formed where L is applied (tvStencilAt), so that L x
 // is a weighted Laplacian of x.
 KELVO_VECTOR_CLONES void SrFloatMinimization::computeL(int firstRow, int endRow) {
     computeTvWeights(estimate.data(), fullWidth, fullHeight, {negInvWeightTV, epsilon, invEpsilon},
                      firstRow, endRow, weightRight.data(), weightDown.data(), weightDownLeft.data(),
                      weightDownRight.data());
-}
-
-// The sum of the eight neighbour weights of pixel i, in the order
-// right[i-1] + right[i] + down[i-W] + down[i] + downRight[i-W-1] + downRight[i] +
-// downLeft[i-W+1] + downLeft[i], leaving out the weights whose index falls outside
-// the image.
-float SrFloatMinimization::neighbourWeightSum(int i) const {
-    const int w = fullWidth;
-    float sum = i >= 1 ? weightRight[i - 1] + weightRight[i] : weightRight[i];
-    if (i >= w) {
-        sum += weightDown[i - w];
-    }
-    sum += weightDown[i];
-    if (i >= w + 1) {
-        sum += weightDownRight[i - w - 1];
-    }
-    sum += weightDownRight[i];
-    if (i >= w - 1) {
-        sum += weightDownLeft[i - w + 1];
-    }
-    return sum + weightDownLeft[i];
 }
 
 // out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
@@ -372,36 +351,10 @@ void SrFloatMinimization::applyStencil(const float* in, int begin, int end, floa
     }
 }
 
-// One pixel of L in, leaving out the terms whose index falls outside the image.
 float SrFloatMinimization::stencilAt(const float* in, int i) const {
-    const int w = fullWidth;
-    const int s = fullSize;
-    float sum = -neighbourWeightSum(i) * in[i];
-    if (i + 1 < s) {
-        sum += weightRight[i] * in[i + 1];
-    }
-    if (i >= 1) {
-        sum += weightRight[i - 1] * in[i - 1];
-    }
-    if (i + w < s) {
-        sum += weightDown[i] * in[i + w];
-    }
-    if (i >= w) {
-        sum += weightDown[i - w] * in[i - w];
-    }
-    if (i + w + 1 < s) {
-        sum += weightDownRight[i] * in[i + w + 1];
-    }
-    if (i >= w + 1) {
-        sum += weightDownRight[i - w - 1] * in[i - w - 1];
-    }
-    if (i + w - 1 < s) {
-        sum += weightDownLeft[i] * in[i + w - 1];
-    }
-    if (i >= w - 1) {
-        sum += weightDownLeft[i - w + 1] * in[i - w + 1];
-    }
-    return sum;
+    return tvStencilAt({weightRight.data(), weightDown.data(), weightDownLeft.data(),
+                        weightDownRight.data(), fullWidth, fullSize},
+                       in, i);
 }
 
 }  // namespace kelvo::vision

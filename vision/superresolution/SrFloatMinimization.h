@@ -54,7 +54,6 @@ private:
     bool iteration(int index, int numFrames, char** masks);
     void applyStencil(const float* in, int begin, int end, float* out) const;
     float stencilAt(const float* in, int i) const;
-    float neighbourWeightSum(int i) const;
 
     int lrWidth;
     int lrHeight;

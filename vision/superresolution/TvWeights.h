@@ -73,4 +73,68 @@ inline void computeTvWeights(const float* x, int width, int height,
     }
 }
 
+// The weights of a width x height image (size pixels) as the operator L reads them.
+struct TvWeightView {
+    const float* right;
+    const float* down;
+    const float* downLeft;
+    const float* downRight;
+    int width;
+    int size;
+};
+
+// (L in)[i]: the weighted Laplacian of the TV term at pixel i, whose diagonal is minus
+// the sum of the pixel's eight neighbour weights, summed in the order
+// right[i-1] + right[i] + down[i-W] + down[i] + downRight[i-W-1] + downRight[i] +
+// downLeft[i-W+1] + downLeft[i]. Terms whose index falls outside the image are left out
+// (the zero weights already remove the pairs that wrap across a row end).
+inline float tvStencilAt(const TvWeightView& weights, const float* in, int i) {
+    const int w = weights.width;
+    const int s = weights.size;
+    const float* right = weights.right;
+    const float* down = weights.down;
+    const float* downLeft = weights.downLeft;
+    const float* downRight = weights.downRight;
+    float neighbours = i >= 1 ? right[i - 1] + right[i] : right[i];
+    if (i >= w) {
+        neighbours += down[i - w];
+    }
+    neighbours += down[i];
+    if (i >= w + 1) {
+        neighbours += downRight[i - w - 1];
+    }
+    neighbours += downRight[i];
+    if (i >= w - 1) {
+        neighbours += downLeft[i - w + 1];
+    }
+    neighbours += downLeft[i];
+
+    float sum = -neighbours * in[i];
+    if (i + 1 < s) {
+        sum += right[i] * in[i + 1];
+    }
+    if (i >= 1) {
+        sum += right[i - 1] * in[i - 1];
+    }
+    if (i + w < s) {
+        sum += down[i] * in[i + w];
+    }
+    if (i >= w) {
+        sum += down[i - w] * in[i - w];
+    }
+    if (i + w + 1 < s) {
+        sum += downRight[i] * in[i + w + 1];
+    }
+    if (i >= w + 1) {
+        sum += downRight[i - w - 1] * in[i - w - 1];
+    }
+    if (i + w - 1 < s) {
+        sum += downLeft[i] * in[i + w - 1];
+    }
+    if (i >= w - 1) {
+        sum += downLeft[i - w + 1] * in[i - w + 1];
+    }
+    return sum;
+}
+
 }  // namespace kelvo::vision

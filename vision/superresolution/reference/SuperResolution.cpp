@@ -234,13 +234,9 @@ float SuperResolution::computeSR(T* out) {
         for (const PointF& shift : completeShifts) {
             badPixelShifts.emplace_back(shift.x, shift.y);
         }
-        cv::Mat_<float> resultMatrix(outputHeight, outputWidth, result.data());
-        badPixelHandling.maskBadPixel(resultMatrix, badPixelShifts);
-        frameViews.clear();
-        for (int i = 0; i < storedFrames; ++i) {
-            frameViews.emplace_back(height, width, frames[i]);
-        }
-        badPixelHandling.replaceMaskedPixel(resultMatrix, badPixelShifts, frameViews);
+        repairResultBadPixels(badPixelHandling, result.data(), {outputWidth, outputHeight},
+                              badPixelShifts, frames.data(), storedFrames, {width, height},
+                              frameViews);
     }
 
     watch.start();

@@ -35,7 +35,6 @@ SuperResolutionMinimization::SuperResolutionMinimization(int lrWidth, int lrHeig
       weightDown(fullSize),
       weightDownLeft(fullSize),
       weightDownRight(fullSize),
-      weightCentre(fullSize),
       residual(fullSize),
       direction(fullSize),
       operatorDirection(fullSize) {
@@ -137,69 +136,27 @@ void SuperResolutionMinimization::generatePsfs(int numFrames, PointF* const shif
     }
 }
 
-// The TV weights of the current estimate, and the diagonal of L: minus the sum of the
-// eight weights of each pixel, those with an index outside the image left out.
+// The TV weights of the current estimate (TvWeights.h).
 void SuperResolutionMinimization::computeL() {
     computeTvWeights(estimate.data(), fullWidth, fullHeight, {negInvWeightTV, epsilon, invEpsilon},
                      0, fullHeight, weightRight.data(), weightDown.data(), weightDownLeft.data(),
                      weightDownRight.data());
-    const int w = fullWidth;
-    for (int i = 0; i < fullSize; ++i) {
-        float sum = i >= 1 ? weightRight[i - 1] + weightRight[i] : weightRight[i];
-        if (i >= w) {
-            sum += weightDown[i - w];
-        }
-        sum += weightDown[i];
-        if (i >= w + 1) {
-            sum += weightDownRight[i - w - 1];
-        }
-        sum += weightDownRight[i];
-        if (i >= w - 1) {
-            sum += weightDownLeft[i - w + 1];
-        }
-        weightCentre[i] = -(sum + weightDownLeft[i]);
-    }
 }
 
 // out = L in + sum_k H_k^T M_k H_k in.
 void SuperResolutionMinimization::gradient(const float* in, int numFrames, char** masks,
                                            float* out) {
-    const int w = fullWidth;
-    const int s = fullSize;
-    for (int i = 0; i < s; ++i) {
-        float sum = weightCentre[i] * in[i];
-        if (i + 1 < s) {
-            sum += weightRight[i] * in[i + 1];
-        }
-        if (i >= 1) {
-            sum += weightRight[i - 1] * in[i - 1];
-        }
-        if (i + w < s) {
-            sum += weightDown[i] * in[i + w];
-        }
-        if (i >= w) {
-            sum += weightDown[i - w] * in[i - w];
-        }
-        if (i + w + 1 < s) {
-            sum += weightDownRight[i] * in[i + w + 1];
-        }
-        if (i >= w + 1) {
-            sum += weightDownRight[i - w - 1] * in[i - w - 1];
-        }
-        if (i + w - 1 < s) {
-            sum += weightDownLeft[i] * in[i + w - 1];
-        }
-        if (i >= w - 1) {
-            sum += weightDownLeft[i - w + 1] * in[i - w + 1];
-        }
-        out[i] = sum;
+    const TvWeightView weights{weightRight.data(),     weightDown.data(), weightDownLeft.data(),
+                               weightDownRight.data(), fullWidth,         fullSize};
+    for (int i = 0; i < fullSize; ++i) {
+        out[i] = tvStencilAt(weights, in, i);
     }
     float* full = const_cast<float*>(in);
     for (int k = 0; k < numFrames; ++k) {
         convolution.validCorrToSparse(full, psfX[k].data(), psfY[k].data(), lowResScratch.data());
         convolution.fullConvFromSparse(lowResScratch.data(), psfX[k].data(), psfY[k].data(),
                                        masks[k], convScratch.data());
-        for (int i = 0; i < s; ++i) {
+        for (int i = 0; i < fullSize; ++i) {
             out[i] += convScratch[i];
         }
     }

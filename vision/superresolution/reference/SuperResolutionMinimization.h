@@ -81,7 +81,6 @@ private:
     std::vector<float> weightDown;
     std::vector<float> weightDownLeft;
     std::vector<float> weightDownRight;
-    std::vector<float> weightCentre;
     std::vector<float> residual;
     std::vector<float> direction;
     std::vector<float> operatorDirection;
