@@ -75,6 +75,14 @@ cv::Mat_<short> toCounts(const cv::Mat& image, const std::string& what) {
     return counts;
 }
 
+cv::Mat_<short> readCalibrationCounts(const std::string& path, const std::string& role) {
+    const cv::Mat image = readStoredImage(path, nullptr);
+    if (image.channels() != 1 || (image.depth() != CV_16U && image.depth() != CV_16S)) {
+        throw std::runtime_error(role + " " + path + " must be a single-channel 16-bit image.");
+    }
+    return toCounts(image, role + " " + path);
+}
+
 // The reference engine, fed radiance or, with a calibration, raw counts.
 class ReferenceFrameEngine : public FrameEngine {
 public:
@@ -185,10 +193,8 @@ private:
     }
 
     void calibrate(const std::vector<std::string>& arguments, cv::Size size) {
-        const cv::Mat_<short> lowCounts =
-            toCounts(readStoredImage(arguments[0], nullptr), "LOW_COUNTS " + arguments[0]);
-        const cv::Mat_<short> highCounts =
-            toCounts(readStoredImage(arguments[2], nullptr), "HIGH_COUNTS " + arguments[2]);
+        const cv::Mat_<short> lowCounts = readCalibrationCounts(arguments[0], "LOW_COUNTS");
+        const cv::Mat_<short> highCounts = readCalibrationCounts(arguments[2], "HIGH_COUNTS");
         const cv::Mat_<float> lowRadiance = readRadiance(arguments[1], size);
         const cv::Mat_<float> highRadiance = readRadiance(arguments[3], size);
         const std::pair<const cv::Mat*, std::string> images[] = {{&lowCounts, arguments[0]},

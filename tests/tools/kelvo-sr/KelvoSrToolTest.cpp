@@ -247,6 +247,9 @@ TEST_F(KelvoSrTool, ReferenceEngineTurnsCalibratedCountsIntoRadiance) {
     expectFailure(frames + " --calibration small.png 20 high.png 40",
                   "The calibration image small.png is 96x70, the frames are 96x72.");
     expectFailure(frames + " --calibration low.png 20 low.png 40", "equal at every pixel");
+    cv::imwrite(path("eight.png").string(), cv::Mat_<unsigned char>(72, 96, 40));
+    expectFailure(frames + " --calibration eight.png 20 high.png 40",
+                  "LOW_COUNTS eight.png must be a single-channel 16-bit image.");
     expectFailure("burst" + joined(names) + " --calibration low.png 20 high.png 40",
                   "--calibration needs --engine reference.");
 }
