@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/kelvo-sr/EngineChoice.h"
 
+#include <algorithm>
 #include <cmath>
 #include <iomanip>
 #include <sstream>
@@ -30,9 +31,11 @@ public:
         : resolver(std::move(resolver)) {}
     int addFrame(const cv::Mat_<float>& frame) override { return resolver->addFrame(frame); }
     cv::Mat_<float> result() override { return resolver->result(); }
+    PassReport lastPass() const override { return resolver->lastPass(); }
     std::vector<cv::Point2f> estimatedShifts() const override {
         return resolver->estimatedShifts();
     }
+    const FrameValues& values() const override { return resolver->values(); }
 
 private:
     std::unique_ptr<SuperResolver> resolver;
@@ -86,10 +89,12 @@ cv::Mat_<short> readCalibrationCounts(const std::string& path, const std::string
 // The reference engine, fed radiance or, with a calibration, raw counts.
 class ReferenceFrameEngine : public FrameEngine {
 public:
-    ReferenceFrameEngine(const EngineOptions& options, const cv::Mat_<float>& firstFrame)
+    ReferenceFrameEngine(const EngineOptions& options, const cv::Mat_<float>& firstFrame,
+                         int storedDepth)
         : owned(quietlyConstructed(firstFrame.size(), options.timings)),
           engine(*owned),
-          verbose(options.timings) {
+          verbose(options.timings),
+          frameValues(chooseValues(options.values, firstFrame, storedDepth)) {
         if (options.referenceIndex < 0 || options.referenceIndex >= kWindowSize) {
             throw std::runtime_error("The reference frame must be 0 (newest) to 4 (oldest).");
         }
@@ -101,7 +106,7 @@ public:
         engine.setPsfSigma(psfSigmaOf(options.cameraAndLensType, firstFrame.size()));
         if (!options.calibration.empty()) {
             calibrate(options.calibration, firstFrame.size());
-        } else if (chooseValueKind(options.values, firstFrame) == ValueKind::kCounts) {
+        } else if (frameValues.kind == ValueKind::kCounts) {
             throw std::runtime_error(
                 "The reference engine needs --calibration LOW_COUNTS LOW_RADIANCE HIGH_COUNTS "
                 "HIGH_RADIANCE to turn raw counts into radiance.");
@@ -109,11 +114,7 @@ public:
     }
 
     int addFrame(const cv::Mat_<float>& frame) override {
-        if (frame.size() != cv::Size(engine.getWidth(), engine.getHeight())) {
-            throw std::runtime_error(
-                "A frame of " + sizeText(frame.size()) + " pixels does not match the " +
-                sizeText({engine.getWidth(), engine.getHeight()}) + " of the first frame.");
-        }
+        requireFrameSize(frame, cv::Size(engine.getWidth(), engine.getHeight()));
         int status = engine.checkImageStructureQuality(frame) ? SR_OK : SR_LOW_STRUCTURE;
         ++frames;
         output.create(engine.getOutputHeight(), engine.getOutputWidth());
@@ -137,6 +138,9 @@ public:
                     passResult = engine.computeSR(output.ptr<float>());
                 }
             }
+            if (frames >= kWindowSize) {
+                lastResult = passResult;
+            }
             return statusOfPass(passResult, status);
         } catch (const kelvo::Exception& error) {
             throw std::runtime_error("The reference engine failed: " + error.message());
@@ -146,10 +150,29 @@ public:
     cv::Mat_<float> result() override {
         if (frames < kWindowSize) {
             QuietStandardOutput quiet(!verbose);
-            statusOfPass(engine.computeSR(output.ptr<float>()), SR_OK);
+            lastResult = engine.computeSR(output.ptr<float>());
+            statusOfPass(lastResult, SR_OK);
         }
         return output.clone();
     }
+
+    PassReport lastPass() const override {
+        PassReport report;
+        report.status = lastResult < 0.0f ? static_cast<int>(lastResult) : 0;
+        report.factorEstimate = lastResult > 0.0f ? lastResult : 0.0f;
+        const int stored = engine.getStoredFrames();
+        report.referencePosition = std::max(stored - engine.getReferenceIndex() - 1, 0);
+        const std::vector<cv::Point2f> shifts = estimatedShifts();
+        std::vector<cv::Mat_<unsigned char>> masks;
+        engine.getMasks(masks);
+        for (int i = 0; i < stored && i < static_cast<int>(shifts.size()); ++i) {
+            report.frames.push_back({shifts[i], static_cast<float>(cv::countNonZero(masks[i])) /
+                                                    static_cast<float>(masks[i].total())});
+        }
+        return report;
+    }
+
+    const FrameValues& values() const override { return frameValues; }
 
     std::vector<cv::Point2f> estimatedShifts() const override {
         std::vector<vision::PointF> shifts;
@@ -221,8 +244,10 @@ private:
     vision::SuperResolution& engine;
     cv::Mat_<float> output;
     bool verbose;
+    FrameValues frameValues;
     bool calibrated = false;
     int frames = 0;
+    float lastResult = 0.0f;
 };
 
 }  // namespace
@@ -243,14 +268,18 @@ void addEngineChoiceOptions(CLI::App& command, EngineOptions& options) {
 }
 
 std::unique_ptr<FrameEngine> makeFrameEngine(const EngineOptions& options,
-                                             const cv::Mat_<float>& firstFrame) {
+                                             const std::vector<cv::Mat_<float>>& burst,
+                                             int storedDepth) {
     if (options.engine == "reference") {
-        return std::make_unique<ReferenceFrameEngine>(options, firstFrame);
+        for (const cv::Mat_<float>& frame : burst) {
+            requireFrameSize(frame, burst.front().size());
+        }
+        return std::make_unique<ReferenceFrameEngine>(options, burst.front(), storedDepth);
     }
     if (!options.calibration.empty()) {
         throw std::runtime_error("--calibration needs --engine reference.");
     }
-    return std::make_unique<FloatFrameEngine>(makeSuperResolver(options, firstFrame));
+    return std::make_unique<FloatFrameEngine>(makeSuperResolver(options, burst, storedDepth));
 }
 
 std::string describeQualityMap(const std::vector<cv::Point2f>& shifts) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/SuperResolver.h"
 
 namespace kelvo::tools {
 
@@ -22,18 +23,22 @@ public:
     // Failures throw std::runtime_error with a sentence for the user.
     virtual int addFrame(const cv::Mat_<float>& frame) = 0;
     virtual cv::Mat_<float> result() = 0;
+    virtual PassReport lastPass() const = 0;
     // The full displacement of every frame of the last pass against the reference.
     virtual std::vector<cv::Point2f> estimatedShifts() const = 0;
+    // What the frames' values are.
+    virtual const FrameValues& values() const = 0;
 };
 
 // --engine float|reference and --calibration LOW_COUNTS LOW_RADIANCE HIGH_COUNTS
 // HIGH_RADIANCE.
 void addEngineChoiceOptions(CLI::App& command, EngineOptions& options);
 
-// The engine the options ask for, for frames like the first one. Throws
-// std::runtime_error for a calibration that does not fit, or raw counts without one.
+// The engine the options ask for, for the frames of a burst (as makeSuperResolver).
+// Throws std::runtime_error for a calibration that does not fit, or raw counts without one.
 std::unique_ptr<FrameEngine> makeFrameEngine(const EngineOptions& options,
-                                             const cv::Mat_<float>& firstFrame);
+                                             const std::vector<cv::Mat_<float>>& burst,
+                                             int storedDepth);
 
 // The 3 x 3 map of how the frames' remaining sub-pixel shifts cover the half-pixel grid,
 // as a table with a sentence saying what it means.

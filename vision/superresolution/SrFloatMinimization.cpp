@@ -3,56 +3,19 @@
 #include <algorithm>
 #include <cmath>
 
-#include "vision/superresolution/GaussianPsf.h"
-#include "vision/superresolution/TvWeights.h"
+#include "vision/superresolution/LaneSum.h"
 #include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
 
 namespace {
 
-// Sums in double are split over this many lanes (term i goes to lane i mod kSumLanes,
-// the lanes are added in order at the end), so that the compiler can vectorise them
-// and a sum can be gathered piece by piece with the same result.
-constexpr int kSumLanes = 8;
+constexpr float kFourOverPi = 1.2732395f;
+constexpr float kErfA = 0.1400123f;
 
 // Full-image rows per band of an operator application: the band of the result stays
 // in the second level cache from the stencil to the last frame's contribution.
 constexpr int kBandRows = 32;
-
-class LaneSum {
-public:
-    // Adds term(i) for i in [begin, end).
-    template <typename Term>
-    KELVO_VECTOR_CLONES void add(int begin, int end, Term term) {
-        double sums[kSumLanes];
-        std::copy(lanes, lanes + kSumLanes, sums);
-        int i = begin;
-        for (; i < end && i % kSumLanes != 0; ++i) {
-            sums[i % kSumLanes] += term(i);
-        }
-        for (; i + kSumLanes <= end; i += kSumLanes) {
-            for (int lane = 0; lane < kSumLanes; ++lane) {
-                sums[lane] += term(i + lane);
-            }
-        }
-        for (; i < end; ++i) {
-            sums[i % kSumLanes] += term(i);
-        }
-        std::copy(sums, sums + kSumLanes, lanes);
-    }
-
-    double total() const {
-        double sum = 0.0;
-        for (double lane : lanes) {
-            sum += lane;
-        }
-        return sum;
-    }
-
-private:
-    double lanes[kSumLanes] = {};
-};
 
 // Runs update(begin, end) over [begin, end) in pieces that stay in the first level
 // cache, each followed by sum.add over the same piece: element-wise loops and lane
@@ -74,11 +37,10 @@ KELVO_VECTOR_CLONES void scaleAndAdd(float beta, const float* r, int begin, int 
     }
 }
 
-template <typename Term>
-double sumInLanes(int count, Term term) {
-    LaneSum sum;
-    sum.add(0, count, term);
-    return sum.total();
+// Gradient magnitudes are clamped to [epsilon, 1 / epsilon] before they weight the
+// TV term.
+inline float clampMagnitude(float d, float epsilon, float invEpsilon) {
+    return d <= epsilon ? epsilon : (d >= invEpsilon ? invEpsilon : d);
 }
 
 // out[i] = (L in)[i] for the pixels i in [begin, end) whose eight neighbours all lie
@@ -99,6 +61,52 @@ KELVO_VECTOR_CLONES void stencilInterior(const float* in, const float* right, co
 }
 
 }  // namespace
+
+float approximateErf(float x) {
+    if (x == 0.0f) {
+        return 0.0f;
+    }
+    const float x2 = x * x;
+    const float ax2 = kErfA * x2;
+    const float magnitude = std::sqrt(1.0f - std::exp(-x2 * (kFourOverPi + ax2) / (1.0f + ax2)));
+    return x < 0.0f ? -magnitude : magnitude;
+}
+
+// Tap k holds the mass of the Gaussian over one pixel, taken outward from the centre
+// between taps half - 1 and half: (erf((k + 1) c) - erf(k c)) / 2 with
+// c = 1 / (sqrt(2) sigma), normalised to sum 1.
+void buildBasePsf(float factor, float sigma, float* basePsf, int psfSize) {
+    std::fill(basePsf, basePsf + psfSize, 0.0f);
+    const int half = psfSize / 2;
+    const float c = 1.0f / (std::sqrt(2.0f) * sigma);
+    float sum = 0.0f;
+    for (int i = 0; factor > static_cast<float>(i) && i < half; ++i) {
+        const float v = 0.5f * (approximateErf(static_cast<float>(i + 1) * c) -
+                                approximateErf(static_cast<float>(i) * c));
+        basePsf[half - 1 - i] = v;
+        basePsf[half + i] = v;
+        sum += 2.0f * v;
+    }
+    for (int i = 0; i < psfSize; ++i) {
+        basePsf[i] /= sum;
+    }
+}
+
+// The base PSF moved by s high-resolution pixels, by linear interpolation between
+// neighbouring taps; the zero tap at the far end absorbs the move.
+void shiftPsf(const float* base, int n, float s, float* psf) {
+    if (s < 0.0f) {
+        psf[0] = 0.0f;
+        for (int j = 1; j < n; ++j) {
+            psf[j] = (s + 1.0f) * base[j] + (-s) * base[j - 1];
+        }
+    } else {
+        for (int j = 0; j < n - 1; ++j) {
+            psf[j] = (1.0f - s) * base[j] + s * base[j + 1];
+        }
+        psf[n - 1] = 0.0f;
+    }
+}
 
 SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor)
     : lrWidth(lrWidth),
@@ -149,7 +157,7 @@ void SrFloatMinimization::setEpsilon(float value) {
 
 void SrFloatMinimization::setPsfSigma(float value) {
     psfSigma = value;
-    buildBasePsf(value, factor, psfSize, basePsf.data());
+    buildBasePsf(factor, value, basePsf.data(), psfSize);
 }
 
 KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refIndex,
@@ -294,13 +302,13 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     return false;
 }
 
-// Lagged diffusivity (TvWeights.h). The diagonal of L, minus the sum of the eight
-// weights of a pixel, is formed where L is applied (tvStencilAt), so that L x
-// is a weighted Laplacian of x.
-KELVO_VECTOR_CLONES void SrFloatMinimization::computeL(int firstRow, int endRow) {
-    computeTvWeights(estimate.data(), fullWidth, fullHeight, {negInvWeightTV, epsilon, invEpsilon},
-                     firstRow, endRow, weightRight.data(), weightDown.data(), weightDownLeft.data(),
-                     weightDownRight.data());
+TvWeights SrFloatMinimization::tvWeights() {
+    return {weightRight.data(), weightDown.data(), weightDownLeft.data(), weightDownRight.data()};
+}
+
+void SrFloatMinimization::computeL(int firstRow, int endRow) {
+    computeTvWeights(estimate.data(), fullWidth, fullHeight, negInvWeightTV, epsilon, invEpsilon,
+                     tvWeights(), firstRow, endRow);
 }
 
 // out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
@@ -337,24 +345,130 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames,
 // out[i] = (L in)[i] for i in [begin, end). Pixels of the first and the last row
 // (and one more at either end) have neighbours outside the image and take the
 // general path; all others run through the branch-free loop.
-void SrFloatMinimization::applyStencil(const float* in, int begin, int end, float* out) const {
+void SrFloatMinimization::applyStencil(const float* in, int begin, int end, float* out) {
     const int w = fullWidth;
     const int interiorBegin = std::clamp(w + 1, begin, end);
     const int interiorEnd = std::clamp(fullSize - w - 1, interiorBegin, end);
     for (int i = begin; i < interiorBegin; ++i) {
-        out[i] = stencilAt(in, i);
+        out[i] = tvStencilAt(in, i, w, fullSize, tvWeights());
     }
     stencilInterior(in, weightRight.data(), weightDown.data(), weightDownLeft.data(),
                     weightDownRight.data(), w, interiorBegin, interiorEnd, out);
     for (int i = interiorEnd; i < end; ++i) {
-        out[i] = stencilAt(in, i);
+        out[i] = tvStencilAt(in, i, w, fullSize, tvWeights());
     }
 }
 
-float SrFloatMinimization::stencilAt(const float* in, int i) const {
-    return tvStencilAt({weightRight.data(), weightDown.data(), weightDownLeft.data(),
-                        weightDownRight.data(), fullWidth, fullSize},
-                       in, i);
+// Lagged diffusivity: every pair of neighbours (right, down and the two diagonals at
+// distance sqrt 2) gets the weight -1 / (weightTV g(|x_a - x_b| / distance)), the
+// diagonals halved, with g the clamped magnitude. The diagonal of L, minus the sum
+// of the eight weights of a pixel, is formed where L is applied (tvNeighbourWeightSum),
+// so that L x is a weighted Laplacian of x.
+KELVO_VECTOR_CLONES void computeTvWeights(const float* x, int w, int fullHeight,
+                                          float negInvWeightTV, float epsilon, float invEpsilon,
+                                          const TvWeights& weights, int firstRow, int endRow) {
+    float* right = weights.right;
+    float* down = weights.down;
+    float* downLeft = weights.downLeft;
+    float* downRight = weights.downRight;
+    const float q = 1.0f / std::sqrt(2.0f);
+    const float n = negInvWeightTV;
+    const float lo = epsilon;
+    const float hi = invEpsilon;
+    auto straight = [=](float a, float b) { return n / clampMagnitude(std::fabs(b - a), lo, hi); };
+    auto diagonal = [=](float a, float b) {
+        return n / clampMagnitude(std::fabs(b - a) * q, lo, hi) * 0.5f;
+    };
+
+    for (int y = firstRow; y < endRow; ++y) {
+        const int row = y * w;
+        const int rowEnd = row + w;
+        for (int i = row; i < rowEnd - 1; ++i) {
+            right[i] = straight(x[i], x[i + 1]);
+        }
+        right[rowEnd - 1] = 0.0f;
+        if (y == fullHeight - 1) {
+            std::fill(down + row, down + rowEnd, 0.0f);
+            std::fill(downLeft + row, downLeft + rowEnd, 0.0f);
+            std::fill(downRight + row, downRight + rowEnd, 0.0f);
+            continue;
+        }
+        for (int i = row; i < rowEnd; ++i) {
+            down[i] = straight(x[i], x[i + w]);
+        }
+        downLeft[row] = 0.0f;
+        for (int i = row + 1; i < rowEnd; ++i) {
+            downLeft[i] = diagonal(x[i], x[i + w - 1]);
+        }
+        for (int i = row; i < rowEnd - 1; ++i) {
+            downRight[i] = diagonal(x[i], x[i + w + 1]);
+        }
+        downRight[rowEnd - 1] = 0.0f;
+        if (y == 0) {
+            // Pixel 0 takes the weights of pixel 1 and no down-left pair.
+            right[0] = straight(x[1], x[2]);
+            down[0] = straight(x[1], x[w + 1]);
+            downRight[0] = diagonal(x[1], x[w + 2]);
+        }
+    }
+}
+
+// The sum of the eight neighbour weights of pixel i, in the order
+// right[i-1] + right[i] + down[i-W] + down[i] + downRight[i-W-1] + downRight[i] +
+// downLeft[i-W+1] + downLeft[i], leaving out the weights whose index falls outside
+// the image.
+float tvNeighbourWeightSum(const TvWeights& weights, int w, int i) {
+    const float* weightRight = weights.right;
+    const float* weightDown = weights.down;
+    const float* weightDownLeft = weights.downLeft;
+    const float* weightDownRight = weights.downRight;
+    float sum = i >= 1 ? weightRight[i - 1] + weightRight[i] : weightRight[i];
+    if (i >= w) {
+        sum += weightDown[i - w];
+    }
+    sum += weightDown[i];
+    if (i >= w + 1) {
+        sum += weightDownRight[i - w - 1];
+    }
+    sum += weightDownRight[i];
+    if (i >= w - 1) {
+        sum += weightDownLeft[i - w + 1];
+    }
+    return sum + weightDownLeft[i];
+}
+
+// One pixel of L in, leaving out the terms whose index falls outside the image.
+float tvStencilAt(const float* in, int i, int w, int s, const TvWeights& weights) {
+    const float* weightRight = weights.right;
+    const float* weightDown = weights.down;
+    const float* weightDownLeft = weights.downLeft;
+    const float* weightDownRight = weights.downRight;
+    float sum = -tvNeighbourWeightSum(weights, w, i) * in[i];
+    if (i + 1 < s) {
+        sum += weightRight[i] * in[i + 1];
+    }
+    if (i >= 1) {
+        sum += weightRight[i - 1] * in[i - 1];
+    }
+    if (i + w < s) {
+        sum += weightDown[i] * in[i + w];
+    }
+    if (i >= w) {
+        sum += weightDown[i - w] * in[i - w];
+    }
+    if (i + w + 1 < s) {
+        sum += weightDownRight[i] * in[i + w + 1];
+    }
+    if (i >= w + 1) {
+        sum += weightDownRight[i - w - 1] * in[i - w - 1];
+    }
+    if (i + w - 1 < s) {
+        sum += weightDownLeft[i] * in[i + w - 1];
+    }
+    if (i >= w - 1) {
+        sum += weightDownLeft[i - w + 1] * in[i - w + 1];
+    }
+    return sum;
 }
 
 }  // namespace kelvo::vision

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <iostream>
 #include <stdexcept>
 #include <type_traits>
 
@@ -199,7 +198,8 @@ int SuperResolution::loadFrame(const T* frame) {
 
 template <typename T>
 float SuperResolution::computeSR(T* out) {
-    std::cout << "++++++++++ SuperResolution ++++++++++" << std::endl;
+    std::ostream& timing = timingSink.stream();
+    timing << "++++++++++ SuperResolution ++++++++++" << std::endl;
     if (storedFrames < 1) {
         return -998.0f;
     }
@@ -213,18 +213,18 @@ float SuperResolution::computeSR(T* out) {
     if (registered < 0) {
         return -998.0f;
     }
-    std::cout << " registration:         " << registrationTime << "[ms]" << std::endl;
+    timing << " registration:         " << registrationTime << "[ms]" << std::endl;
     registration->getCompleteShifts(completeShifts);
 
     watch.start();
     const int status =
         displacementAndMaskStatus(completeShifts.data(), masks.data(), storedFrames, width, height);
-    std::cout << " large_displacement:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
+    timing << " large_displacement:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
 
     watch.start();
     const int iterations = minimization->minimize(storedFrames, ref, registeredFrames.data(),
                                                   shifts.data(), masks.data(), result.data());
-    std::cout << " minimization:         " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
+    timing << " minimization:         " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
     if (iterations < 0) {
         return static_cast<float>(iterations);
     }
@@ -244,8 +244,8 @@ float SuperResolution::computeSR(T* out) {
     // Computed once per process and input type, from the first engine's factor.
     static const int cap = static_cast<int>(factor * factor + 1.0);
     const float srFactor = estimateSrFactor(masks.data(), storedFrames, inputSize, cap);
-    std::cout << " save+srfactor calc:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
-    std::cout << "+++++++++++++++++++++++++++++" << std::endl;
+    timing << " save+srfactor calc:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
+    timing << "+++++++++++++++++++++++++++++" << std::endl;
     computeQuality_();
     return status != 0 ? static_cast<float>(status) : srFactor;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "vision/superresolution/SuperResolutionBadPixelHandling.h"
+#include "vision/superresolution/TimingSink.h"
 #include "vision/superresolution/reference/Point.h"
 
 namespace kelvo::vision {
@@ -128,6 +129,8 @@ public:
     SuperResolutionRegistration& getRegistration() { return *registration; }
     SuperResolutionMinimization& getMinimization() { return *minimization; }
     SuperResolutionBadPixelHandling& getBadPixelHandling() { return badPixelHandling; }
+    // Where the timing lines of the passes go (standard output unless told otherwise).
+    TimingSink& getTimingSink() { return timingSink; }
 
 private:
     template <typename T>
@@ -165,6 +168,7 @@ private:
     std::vector<cv::Point_<float>> badPixelShifts;
     std::vector<cv::Mat_<float>> frameViews;
     int storedFrames = 0;
+    TimingSink timingSink;
 
     cv::Mat_<float> gainMap;
     cv::Mat_<float> offsetMap;

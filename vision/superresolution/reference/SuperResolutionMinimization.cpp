@@ -4,8 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "vision/superresolution/GaussianPsf.h"
-#include "vision/superresolution/TvWeights.h"
+#include "vision/superresolution/SrFloatMinimization.h"
 
 namespace kelvo::vision {
 
@@ -47,7 +46,7 @@ SuperResolutionMinimization::SuperResolutionMinimization(int lrWidth, int lrHeig
 
 void SuperResolutionMinimization::setPsfSigma(float value) {
     psfSigma = value;
-    buildBasePsf(value, factor, psfSize, basePsf.data());
+    buildBasePsf(factor, value, basePsf.data(), psfSize);
 }
 
 void SuperResolutionMinimization::setWeightTV(float value) {
@@ -136,20 +135,22 @@ void SuperResolutionMinimization::generatePsfs(int numFrames, PointF* const shif
     }
 }
 
-// The TV weights of the current estimate (TvWeights.h).
+TvWeights SuperResolutionMinimization::tvWeights() {
+    return {weightRight.data(), weightDown.data(), weightDownLeft.data(), weightDownRight.data()};
+}
+
+// The TV weights of the current estimate, those of the float engine.
 void SuperResolutionMinimization::computeL() {
-    computeTvWeights(estimate.data(), fullWidth, fullHeight, {negInvWeightTV, epsilon, invEpsilon},
-                     0, fullHeight, weightRight.data(), weightDown.data(), weightDownLeft.data(),
-                     weightDownRight.data());
+    computeTvWeights(estimate.data(), fullWidth, fullHeight, negInvWeightTV, epsilon, invEpsilon,
+                     tvWeights(), 0, fullHeight);
 }
 
 // out = L in + sum_k H_k^T M_k H_k in.
 void SuperResolutionMinimization::gradient(const float* in, int numFrames, char** masks,
                                            float* out) {
-    const TvWeightView weights{weightRight.data(),     weightDown.data(), weightDownLeft.data(),
-                               weightDownRight.data(), fullWidth,         fullSize};
+    const TvWeights weights = tvWeights();
     for (int i = 0; i < fullSize; ++i) {
-        out[i] = tvStencilAt(weights, in, i);
+        out[i] = tvStencilAt(in, i, fullWidth, fullSize, weights);
     }
     float* full = const_cast<float*>(in);
     for (int k = 0; k < numFrames; ++k) {

@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "vision/superresolution/SrFloatMinimization.h"
 #include "vision/superresolution/reference/Point.h"
 #include "vision/superresolution/reference/SuperResolutionConvolution.h"
 
@@ -56,6 +57,7 @@ private:
     void gradient(const float* in, int numFrames, char** masks, float* out);
     bool iteration(int numFrames, char** masks);
     float dot(const float* a, const float* b) const;
+    TvWeights tvWeights();
 
     int lrWidth;
     int lrHeight;
