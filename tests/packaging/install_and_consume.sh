@@ -30,9 +30,10 @@ if [[ $libs == *opencv* ]]; then
     echo "pkg-config --libs pulls OpenCV into a C host: $libs" >&2
     exit 1
 fi
-# shellcheck disable=SC2046
-cc -o "$work/pkgconfig-c-host" "$examples_dir/c-host/main.c" \
-   $(pkg-config --cflags kelvo-superres) $libs -lm
+# CC, CFLAGS and LDFLAGS, when set, are those the library was built with (CMake reads them too).
+# shellcheck disable=SC2046,SC2086
+"${CC:-cc}" ${CFLAGS:-} -o "$work/pkgconfig-c-host" "$examples_dir/c-host/main.c" \
+   $(pkg-config --cflags kelvo-superres) $libs -lm ${LDFLAGS:-}
 LD_LIBRARY_PATH=$(pkg-config --variable=libdir kelvo-superres) "$work/pkgconfig-c-host"
 
 echo "== the installed tool"

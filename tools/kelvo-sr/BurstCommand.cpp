@@ -1,10 +1,13 @@
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <iostream>
 #include <stdexcept>
 
+#include "interface/SuperResolutionInterface.h"
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/kelvo-sr/RunReport.h"
 #include "tools/simulator/ImageQuality.h"
@@ -13,6 +16,10 @@
 namespace kelvo::tools {
 
 namespace {
+
+constexpr std::size_t kBurstFrames = 5;
+constexpr int kRegistrationFailed = -998;
+constexpr int kTooLargeDisplacement = -6;
 
 // Window position of the reference frame among the frames given, oldest first.
 std::size_t referencePosition(const BurstCommandOptions& options, std::size_t frameCount) {
@@ -36,6 +43,40 @@ void writeComparison(const BurstCommandOptions& options, const cv::Mat_<float>& 
                          {{"bicubic 2x", bicubic(area)}, {"super-resolution 2x", result(area)}}));
 }
 
+// Names the frames behind a weak pass and says what to try; throws when the pass left no
+// result.
+void reportPass(const BurstCommandOptions& options, std::size_t first, int frameHeight,
+                const PassReport& pass) {
+    const auto name = [&](std::size_t position) { return options.frames[first + position]; };
+    const std::string reference = name(pass.referencePosition);
+    if (pass.status == kRegistrationFailed) {
+        throw std::runtime_error(
+            "No frame could be matched to the reference frame " + reference +
+            ": it offers no structure to track. No result was written; try another --reference "
+            "or frames with more contrast.");
+    }
+    const float limit = static_cast<float>(frameHeight / 10);
+    for (std::size_t i = 0; i < pass.frames.size(); ++i) {
+        const PassReport::Frame& frame = pass.frames[i];
+        if (pass.status == kTooLargeDisplacement &&
+            (std::fabs(frame.shift.x) > limit || std::fabs(frame.shift.y) > limit)) {
+            std::cerr << "warning: " << name(i) << " is displaced by (" << frame.shift.x << ", "
+                      << frame.shift.y << ") pixels from the reference frame " << reference
+                      << ", more than a tenth of the frame height (" << limit
+                      << "): the result is blurred there. Try frames taken closer together, or a "
+                         "--reference nearer to it."
+                      << std::endl;
+        }
+        if (pass.status != 0 && frame.validFraction <= 0.5f) {
+            std::cerr << "warning: only " << std::lround(100.0f * frame.validFraction) << "% of "
+                      << name(i) << " matched the reference frame " << reference
+                      << " (code -3): check that it shows the same scene, or try another "
+                         "--reference."
+                      << std::endl;
+        }
+    }
+}
+
 }  // namespace
 
 int runBurst(const BurstCommandOptions& options) {
@@ -50,36 +91,45 @@ int runBurst(const BurstCommandOptions& options) {
     }
     const auto rawFormat = rawFormatFromOptions(options.rawSize, options.rawType);
     std::vector<cv::Mat_<float>> frames;
+    int storedDepth = CV_32F;
     for (const std::string& path : options.frames) {
-        frames.push_back(readFrame(path, rawFormat.get()));
+        frames.push_back(readFrame(path, rawFormat.get(), frames.empty() ? &storedDepth : nullptr));
     }
-    const ValueKind values = chooseValueKind(options.engine.values, frames.front());
-    const auto resolver = makeSuperResolver(options.engine, frames.front());
+    const auto resolver = makeFrameEngine(options.engine, frames, storedDepth);
+    const FrameValues& values = resolver->values();
 
-    // With more than five frames the window slides: the last five make the result.
+    // One pass, over the last five frames; earlier ones served the bad-pixel search only.
+    const std::size_t first = frames.size() - kBurstFrames;
+    if (first > 0) {
+        std::cout << "using the last " << kBurstFrames << " of " << frames.size() << " frames"
+                  << std::endl;
+    }
     int lastStatus = 0;
     double passMilliseconds = 0.0;
-    for (std::size_t i = 0; i < frames.size(); ++i) {
+    for (std::size_t i = first; i < frames.size(); ++i) {
+        warnOutsideRange(options.frames[i], frames[i], values);
         const auto start = std::chrono::steady_clock::now();
         const int status = resolver->addFrame(frames[i]);
         passMilliseconds =
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
                 .count();
-        if (status != 0) {
+        if (status != 0 && status != SR_MASK_HALF_EMPTY) {
             std::cerr << "warning: " << options.frames[i] << ": " << SuperResolver::describe(status)
                       << std::endl;
         }
         lastStatus = status;
     }
-    const cv::Mat_<float> result = resolver->result();
-    RunRecord run{"burst", values, {}, {}};
-    ResultRecord record = recordLastPass(*resolver, options.frames, options.engine.referenceIndex,
-                                         lastStatus, passMilliseconds);
-    ImageMeaning meaning = meaningOf(values);
-    for (const FrameRecord& frame : record.frames) {
-        meaning.sourceFrames.push_back(frame.file);
+    const PassReport pass = resolver->lastPass();
+    reportPass(options, first, frames.front().rows, pass);
+    if (pass.status != 0) {
+        lastStatus = pass.status;
     }
-    meaning.referenceFrame = record.reference;
+    const cv::Mat_<float> result = resolver->result();
+    std::cout << describeQualityMap(resolver->estimatedShifts());
+    const std::vector<std::string> used(options.frames.begin() + first, options.frames.end());
+    RunRecord run{"burst", values.kind, {}, {}};
+    ResultRecord record = recordPass(pass, used, lastStatus, passMilliseconds);
+    const ImageMeaning meaning = meaningOf(values.kind, record);
     printRecord(std::cout, record);
     std::cout << "values: " << meaning.values << " (" << meaning.unit << ")" << std::endl;
 
@@ -89,17 +139,12 @@ int runBurst(const BurstCommandOptions& options) {
     std::cout << "wrote " << options.output << " (" << result.cols << "x" << result.rows
               << ", 32-bit float)" << std::endl;
     if (!options.png.empty()) {
-        const SixteenBitEncoding encoding = default16BitEncoding(values);
-        const int clamped = write16BitPng(options.png, result, encoding, meaning);
+        const SixteenBitEncoding encoding = default16BitEncoding(values.kind);
+        warnIfClipped(options.png, result, encoding.scale, encoding.offset);
+        write16BitPng(options.png, result, encoding, meaning);
         record.outputs.push_back(options.png);
         std::cout << "wrote " << options.png << " (16-bit, stored = value x " << encoding.scale
                   << " + " << encoding.offset << ")" << std::endl;
-        if (clamped > 0) {
-            std::cerr << "warning: " << options.png << ": " << clamped
-                      << " pixels lie outside what a 16-bit PNG holds and were clamped to 0 or "
-                         "65535; the TIFF keeps their values."
-                      << std::endl;
-        }
     }
     if (!options.preview.empty()) {
         writeColourImage(options.preview,

@@ -138,8 +138,12 @@ cv::Mat_<float> toSingleChannelFrame(const cv::Mat& image, const std::string& na
     return frame;
 }
 
-cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat) {
-    return toSingleChannelFrame(readStoredImage(path, rawFormat), path);
+cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat, int* storedDepth) {
+    const cv::Mat image = readStoredImage(path, rawFormat);
+    if (storedDepth != nullptr) {
+        *storedDepth = image.depth();
+    }
+    return toSingleChannelFrame(image, path);
 }
 
 }  // namespace kelvo::tools

@@ -1,5 +1,7 @@
 #include "tools/kelvo-sr/ImageFiles.h"
 
+#include "tools/kelvo-sr/RunReport.h"
+
 #include <tiffio.h>
 #include <zlib.h>
 
@@ -144,6 +146,15 @@ ImageMeaning meaningOf(ValueKind values) {
     return meaning;
 }
 
+ImageMeaning meaningOf(ValueKind values, const ResultRecord& record) {
+    ImageMeaning meaning = meaningOf(values);
+    for (const FrameRecord& frame : record.frames) {
+        meaning.sourceFrames.push_back(frame.file);
+    }
+    meaning.referenceFrame = record.reference;
+    return meaning;
+}
+
 std::string toolVersion() {
     return KELVO_TOOL_VERSION;
 }
@@ -183,26 +194,14 @@ SixteenBitEncoding default16BitEncoding(ValueKind values) {
                                         : SixteenBitEncoding{100.0, 27315.0};
 }
 
-int write16BitPng(const std::string& path, const cv::Mat_<float>& image,
-                  SixteenBitEncoding encoding, ImageMeaning meaning) {
-    cv::Mat_<unsigned short> stored(image.size());
-    int clamped = 0;
-    for (int r = 0; r < image.rows; ++r) {
-        for (int c = 0; c < image.cols; ++c) {
-            // Halves to even, as OpenCV rounds.
-            const double value = std::nearbyint(image(r, c) * encoding.scale + encoding.offset);
-            const bool inside = value >= 0.0 && value <= 65535.0;  // false for NaN
-            clamped += !inside;
-            stored(r, c) =
-                static_cast<unsigned short>(inside ? value : (value > 0.0 ? 65535.0 : 0.0));
-        }
-    }
+void write16BitPng(const std::string& path, const cv::Mat_<float>& image,
+                   SixteenBitEncoding encoding, ImageMeaning meaning) {
+    cv::Mat stored;
+    image.convertTo(stored, CV_16U, encoding.scale, encoding.offset);
     meaning.encoding = {{"value", "(stored - offset) / scale"},
                         {"scale", encoding.scale},
-                        {"offset", encoding.offset},
-                        {"clamped_pixels", clamped}};
+                        {"offset", encoding.offset}};
     writePngWithText(path, stored, meaning);
-    return clamped;
 }
 
 void write16BitImage(const std::string& path, const cv::Mat& image) {

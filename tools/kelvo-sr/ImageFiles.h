@@ -9,6 +9,8 @@
 
 namespace kelvo::tools {
 
+struct ResultRecord;
+
 // What the pixels of a written image mean, stored inside the file (a TIFF's
 // ImageDescription, a PNG's Description text) so that a result found on a disk months
 // later still says what it holds and where it came from.
@@ -25,6 +27,8 @@ struct ImageMeaning {
 
 // The meaning of results computed from frames of that kind.
 ImageMeaning meaningOf(ValueKind values);
+// ... and from the frames of that pass.
+ImageMeaning meaningOf(ValueKind values, const ResultRecord& record);
 // "temperature" or "counts".
 std::string valueKindName(ValueKind values);
 
@@ -51,11 +55,10 @@ struct SixteenBitEncoding {
 };
 SixteenBitEncoding default16BitEncoding(ValueKind values);
 
-// Writes round(value * scale + offset) as a 16-bit PNG, stating the encoding in its
-// Description text; values beyond 0 .. 65535 (and NaN) are clamped. Returns how many
-// pixels were clamped.
-int write16BitPng(const std::string& path, const cv::Mat_<float>& image,
-                  SixteenBitEncoding encoding, ImageMeaning meaning);
+// Writes value * scale + offset, rounded half to even and clamped to 0 .. 65535, as a
+// 16-bit PNG, stating the encoding in its Description text.
+void write16BitPng(const std::string& path, const cv::Mat_<float>& image,
+                   SixteenBitEncoding encoding, ImageMeaning meaning);
 
 // Writes a 16-bit image (CV_16U, or CV_16S for TIFF) with its values as they are.
 void write16BitImage(const std::string& path, const cv::Mat& image);

@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 
 using namespace kelvo::tools;
@@ -18,12 +19,21 @@ void addEngineOptions(CLI::App& command, EngineOptions& options) {
         ->capture_default_str();
     command
         .add_option("--values", options.values,
-                    "what the pixels are: temperature (-274..5000), counts (raw sensor "
-                    "counts, -32768..32767), or auto (counts when any value leaves the "
-                    "temperature range)")
+                    "what the pixels are: temperature (valid -274..5000), counts (raw sensor "
+                    "counts, valid over the range of the file's integer type, or "
+                    "-32768..65535 for float files), or auto (counts for integer files; for "
+                    "float files, counts when the bulk of the pixels, the 1st to 99th "
+                    "percentile, lies outside the temperature range)")
         ->check(CLI::IsMember({"auto", "temperature", "counts"}))
         ->capture_default_str();
+    command.add_option(
+        "--bad-pixels", options.badPixels,
+        "known defective pixels, repaired in every frame: auto (searched in every frame like "
+        "`badpixels`; a pixel found in all of them is defective, a warm spot that moves with "
+        "the scene is not), none, or a CSV table of x,y lines such as `badpixels` writes "
+        "(default: auto for counts, none for temperatures)");
     command.add_flag("--timings", options.timings, "print the library's timing lines");
+    addEngineChoiceOptions(command, options);
 }
 
 void addRawOptions(CLI::App& command, std::string& size, std::string& type,
@@ -151,6 +161,17 @@ int main(int argc, char** argv) {
                      "the image's bit depth); at most 32767 above --low")
         ->check(CLI::Range(-32768, 65535));
     badPixelsCommand
+        ->add_option("--search", badPixels.search,
+                     "histogram: every value at or beyond --low/--high and every value that "
+                     "few pixels share; this finds dead and hot pixels, but also a scene's "
+                     "few hottest and coldest pixels. local: of those, only the pixels that "
+                     "stand out from the pixels around them, lying off every line through "
+                     "two opposite neighbours by more than half the local contrast; a pixel "
+                     "on an edge, a warm object blurred over several pixels or a saturated "
+                     "region stays as it is")
+        ->check(CLI::IsMember({"local", "histogram"}))
+        ->capture_default_str();
+    badPixelsCommand
         ->add_option("--max-neighbours", badPixels.maxNeighbours,
                      "a value is isolated, and its pixels defective, when fewer pixels than "
                      "this hold values up to --span below it, up to --span above it, and "
@@ -183,8 +204,9 @@ int main(int argc, char** argv) {
     const std::string parserCodes =
         "\n  above 100: a mistyped option or argument (the option parser's codes)";
     app.footer("Exit codes: see --help of each command.");
-    demoCommand->footer("Exit codes:\n  0: the pictures were written\n  1: they could not be written" +
-                        parserCodes);
+    demoCommand->footer(
+        "Exit codes:\n  0: the pictures were written\n  1: they could not be written" +
+        parserCodes);
     burstCommand->footer(
         "Exit codes:\n  0: the result was written\n  2: the result was written, but the pass "
         "warned (defective pixels left, a frame half masked, too little contrast): the "

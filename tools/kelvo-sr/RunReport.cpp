@@ -7,14 +7,11 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "interface/SuperResolutionContext.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 
 namespace kelvo::tools {
 
 namespace {
-
-constexpr int kWindowSize = 5;
 
 std::string fileName(const std::string& path) {
     return std::filesystem::path(path).filename().string();
@@ -22,32 +19,26 @@ std::string fileName(const std::string& path) {
 
 }  // namespace
 
-ResultRecord recordLastPass(const SuperResolver& resolver,
-                            const std::vector<std::string>& windowFiles, int referenceIndex,
-                            int status, double passMilliseconds) {
+std::string statusText(int status) {
+    return status == -6 ? "a frame was displaced by more than a tenth of the frame height (code -6)"
+                        : SuperResolver::describe(status);
+}
+
+ResultRecord recordPass(const PassReport& pass, const std::vector<std::string>& windowFiles,
+                        int status, double passMilliseconds) {
     ResultRecord record;
     record.status = status;
+    record.passStatus = pass.status;
+    record.factorEstimate = pass.factorEstimate;
     record.passMilliseconds = passMilliseconds;
-    const int used = std::min<int>(kWindowSize, static_cast<int>(windowFiles.size()));
-    const auto* engine = kelvo::interface::engineOf(resolver.contextHandle());
-    std::vector<cv::Point2f> shifts;
-    std::vector<cv::Mat_<unsigned char>> masks;
-    engine->getCompleteShifts(shifts);
-    engine->getMasks(masks);
-    for (int i = 0; i < used; ++i) {
-        FrameRecord frame;
-        frame.file = windowFiles[windowFiles.size() - used + i];
-        if (i < static_cast<int>(shifts.size())) {
-            frame.shiftX = shifts[i].x;
-            frame.shiftY = shifts[i].y;
-        }
-        if (i < static_cast<int>(masks.size())) {
-            frame.validFraction = static_cast<float>(cv::countNonZero(masks[i])) /
-                                  static_cast<float>(masks[i].total());
-        }
-        record.frames.push_back(frame);
+    for (std::size_t i = 0; i < pass.frames.size() && i < windowFiles.size(); ++i) {
+        record.frames.push_back({windowFiles[i], pass.frames[i].shift.x, pass.frames[i].shift.y,
+                                 pass.frames[i].validFraction});
     }
-    record.reference = record.frames[std::max(used - referenceIndex - 1, 0)].file;
+    if (pass.referencePosition >= 0 &&
+        pass.referencePosition < static_cast<int>(record.frames.size())) {
+        record.reference = record.frames[pass.referencePosition].file;
+    }
     return record;
 }
 
@@ -58,12 +49,10 @@ nlohmann::json toJson(const ResultRecord& record) {
                           {"shift", {frame.shiftX, frame.shiftY}},
                           {"valid_fraction", frame.validFraction}});
     }
-    return {{"result", record.result},
-            {"outputs", record.outputs},
-            {"reference", record.reference},
-            {"frames", frames},
-            {"status", record.status},
-            {"status_text", SuperResolver::describe(record.status)},
+    return {{"result", record.result},           {"outputs", record.outputs},
+            {"reference", record.reference},     {"frames", frames},
+            {"status", record.status},           {"status_text", statusText(record.status)},
+            {"pass_status", record.passStatus},  {"factor_estimate", record.factorEstimate},
             {"pass_ms", record.passMilliseconds}};
 }
 
@@ -79,8 +68,9 @@ void printRecord(std::ostream& out, const ResultRecord& record) {
                       frame.file == record.reference ? "  reference" : "");
         out << line;
     }
-    std::snprintf(line, sizeof(line), "pass: %s, %.1f ms\n",
-                  SuperResolver::describe(record.status).c_str(), record.passMilliseconds);
+    std::snprintf(line, sizeof(line), "pass: %s, factor estimate %.2f, %.1f ms\n",
+                  statusText(record.status).c_str(), record.factorEstimate,
+                  record.passMilliseconds);
     out << line;
 }
 

@@ -25,17 +25,20 @@ struct ResultRecord {
     std::vector<std::string> outputs;  // every file written for it, the TIFF first
     std::vector<FrameRecord> frames;   // the frames of the pass, oldest first
     std::string reference;
-    int status = 0;  // the interface's code for the pass: 0 or a warning (-2 .. -5)
+    int status = 0;      // the command's code for the result: 0 or a warning (-2 .. -6)
+    int passStatus = 0;  // the engine's own finding: 0, -3, -6
+    float factorEstimate = 0.0f;
     double passMilliseconds = 0.0;
 };
 
-// The record of the pass the resolver just ran over the frames of `windowFiles` (oldest
-// first, the last five of them made the pass).
-ResultRecord recordLastPass(const SuperResolver& resolver,
-                            const std::vector<std::string>& windowFiles, int referenceIndex,
-                            int status, double passMilliseconds);
+// The record of a pass over the frames of `windowFiles` (oldest first).
+ResultRecord recordPass(const PassReport& pass, const std::vector<std::string>& windowFiles,
+                        int status, double passMilliseconds);
 
 nlohmann::json toJson(const ResultRecord& record);
+
+// A result's code in words: the interface's codes, and the engine's -6.
+std::string statusText(int status);
 
 // The record as a few lines for a person: frames, reference, shifts, valid fractions,
 // pass status and time.

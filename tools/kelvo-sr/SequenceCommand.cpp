@@ -13,6 +13,7 @@
 
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/kelvo-sr/RunReport.h"
@@ -123,7 +124,9 @@ public:
     }
 
     // The next readable frame; false at the end. Unreadable files are added to `skipped`.
-    bool next(NamedFrame& frame, std::vector<std::pair<std::string, std::string>>& skipped) {
+    // storedDepth, when given, receives the depth of the frame's stored pixels.
+    bool next(NamedFrame& frame, std::vector<std::pair<std::string, std::string>>& skipped,
+              int* storedDepth = nullptr) {
         while (end < 0 || position <= end) {
             if (files.empty()) {
                 cv::Mat image;
@@ -134,6 +137,9 @@ public:
                 std::snprintf(name, sizeof(name), "frame_%06d", position++);
                 frame.name = name;
                 frame.image = toSingleChannelFrame(image, name);
+                if (storedDepth != nullptr) {
+                    *storedDepth = image.depth();
+                }
                 return true;
             }
             if (position >= static_cast<int>(files.size())) {
@@ -141,7 +147,7 @@ public:
             }
             frame.name = files[position++];
             try {
-                frame.image = readFrame(frame.name, rawFormat);
+                frame.image = readFrame(frame.name, rawFormat, storedDepth);
                 return true;
             } catch (const std::runtime_error& error) {
                 std::cerr << "warning: skipped " << frame.name << ": " << error.what() << std::endl;
@@ -182,33 +188,35 @@ void showProgress(int done, int total) {
 // the jobs start, so that it never grows under a running pass.
 std::mutex libraryMutex;
 
-void reserveContexts(const EngineOptions& options, const cv::Mat_<float>& firstFrame, int jobs) {
-    std::vector<std::unique_ptr<SuperResolver>> reserved;
-    for (int job = 0; job < jobs; ++job) {
-        reserved.push_back(makeSuperResolver(options, firstFrame));
+// How every engine of the run is made: from the run's opening burst, which decides the
+// values and the known bad pixels once for all of them.
+struct EngineRecipe {
+    const EngineOptions& options;
+    std::vector<cv::Mat_<float>> opening;
+    int storedDepth;
+
+    std::unique_ptr<FrameEngine> make() const {
+        return makeFrameEngine(options, opening, storedDepth);
     }
-}
+};
 
 // Computes the results of a run of consecutive windows on one engine of its own: the
 // first window fills it, each further one slides it by a frame. A result depends on
 // the frames of its window only, so any split of the windows gives the same results.
 class WindowWorker {
 public:
-    // Every engine takes the frames as the kind the run chose from its first frame.
-    WindowWorker(const SequenceOptions& options, ValueKind values)
-        : options(options), engineOptions(options.engine), values(values) {
-        engineOptions.values = valueKindName(values);
-    }
+    WindowWorker(const SequenceOptions& options, const EngineRecipe& recipe, ValueKind values)
+        : options(options), recipe(recipe), values(values) {}
 
     // Results for the windows ending at the batch positions `ends` (ascending).
     std::vector<ResultRecord> run(const std::vector<NamedFrame>& batch,
                                   const std::vector<int>& ends) {
         std::vector<ResultRecord> records;
-        std::unique_ptr<SuperResolver> resolver;
+        std::unique_ptr<FrameEngine> engine;
         int fedUpTo = -1;
         for (const int end : ends) {
-            if (!resolver || fedUpTo != end - 1) {
-                renewResolver(resolver, batch.front().image);
+            if (!engine || fedUpTo != end - 1) {
+                renewEngine(engine, true);
                 fedUpTo = end - kWindowSize;
             }
             std::vector<std::string> window;
@@ -223,41 +231,35 @@ public:
                 double passMilliseconds = 0.0;
                 while (fedUpTo < end) {
                     const auto start = std::chrono::steady_clock::now();
-                    status = resolver->addFrame(batch[++fedUpTo].image);
+                    status = engine->addFrame(batch[++fedUpTo].image);
                     passMilliseconds = std::chrono::duration<double, std::milli>(
                                            std::chrono::steady_clock::now() - start)
                                            .count();
                 }
-                result = resolver->result();
-                record = recordLastPass(*resolver, window, options.engine.referenceIndex, status,
-                                        passMilliseconds);
+                const PassReport pass = engine->lastPass();
+                result = engine->result();
+                record = recordPass(pass, window, pass.status != 0 ? pass.status : status,
+                                    passMilliseconds);
             }
             write(result, record);
             records.push_back(record);
         }
-        renewResolver(resolver, cv::Mat_<float>());
+        renewEngine(engine, false);
         return records;
     }
 
 private:
-    // Opens a context for the next run of windows in place of the last one.
-    void renewResolver(std::unique_ptr<SuperResolver>& resolver,
-                       const cv::Mat_<float>& firstFrame) {
+    // Closes the engine, and opens a new one for the next run of windows when asked.
+    void renewEngine(std::unique_ptr<FrameEngine>& engine, bool open) {
         std::lock_guard<std::mutex> lock(libraryMutex);
-        resolver.reset();
-        if (firstFrame.empty()) {
-            return;
+        engine.reset();
+        if (open) {
+            engine = recipe.make();
         }
-        resolver = makeSuperResolver(engineOptions, firstFrame);
-        resolver->setVerbose(true);  // the run silences standard output once for all jobs
     }
 
     void write(const cv::Mat_<float>& result, ResultRecord& record) const {
-        ImageMeaning meaning = meaningOf(values);
-        for (const FrameRecord& frame : record.frames) {
-            meaning.sourceFrames.push_back(frame.file);
-        }
-        meaning.referenceFrame = record.reference;
+        const ImageMeaning meaning = meaningOf(values, record);
         const fs::path stem = fs::path(options.outputFolder) / resultStem(record.reference);
         record.result = stem.string() + ".tiff";
         writeFloatTiff(record.result, result, meaning);
@@ -272,7 +274,7 @@ private:
     }
 
     const SequenceOptions& options;
-    EngineOptions engineOptions;
+    const EngineRecipe& recipe;
     ValueKind values;
 };
 
@@ -291,21 +293,39 @@ int runSequence(const SequenceOptions& options) {
     const int expectedResults =
         frameCount >= kWindowSize ? (frameCount - kWindowSize) / options.every + 1 : 0;
 
+    // The first readable frames (the batch's start) open the run: they decide the values.
     RunRecord run{"sequence", ValueKind::kTemperature, {}, {}};
-    std::vector<NamedFrame>
-        batch;  // the last frames read; the first four repeat the last batch's end
-    int goodFrames = 0;
-    bool valuesChosen = false;
+    std::vector<NamedFrame> batch;  // frames read; the first four repeat the last batch's end
+    EngineRecipe recipe{options.engine, {}, CV_8U};
+    NamedFrame frame;
+    while (batch.size() < kWindowSize &&
+           sequence.next(frame, run.skipped, batch.empty() ? &recipe.storedDepth : nullptr)) {
+        recipe.opening.push_back(frame.image);
+        batch.push_back(std::move(frame));
+    }
+    if (batch.size() < kWindowSize) {
+        std::cerr << "kelvo-sr: fewer than five readable frames: no result." << std::endl;
+        return 1;
+    }
+    {
+        // Every job's engine gets a slot in the interface's table before the jobs start.
+        std::vector<std::unique_ptr<FrameEngine>> reserved;
+        reserved.push_back(recipe.make());
+        run.values = reserved.front()->values().kind;
+        QuietStandardOutput quiet;  // the decisions about the frames are printed once
+        while (static_cast<int>(reserved.size()) < options.jobs) {
+            reserved.push_back(recipe.make());
+        }
+        for (const NamedFrame& opening : batch) {
+            warnOutsideRange(opening.name, opening.image, reserved.front()->values());
+        }
+    }
+    int goodFrames = static_cast<int>(batch.size());
     {
         QuietStandardOutput quiet(!options.engine.timings);
         for (bool more = true; more;) {
-            NamedFrame frame;
             more = sequence.next(frame, run.skipped);
             if (more) {
-                if (!valuesChosen) {
-                    run.values = chooseValueKind(options.engine.values, frame.image);
-                    valuesChosen = true;
-                }
                 batch.push_back(std::move(frame));
                 ++goodFrames;
             }
@@ -327,9 +347,10 @@ int runSequence(const SequenceOptions& options) {
             for (std::size_t job = 0; job < jobs; ++job) {
                 const std::vector<int> share(ends.begin() + ends.size() * job / jobs,
                                              ends.begin() + ends.size() * (job + 1) / jobs);
-                shares.push_back(std::async(std::launch::async, [&options, &run, &batch, share] {
-                    return WindowWorker(options, run.values).run(batch, share);
-                }));
+                shares.push_back(
+                    std::async(std::launch::async, [&options, &recipe, &run, &batch, share] {
+                        return WindowWorker(options, recipe, run.values).run(batch, share);
+                    }));
             }
             for (auto& share : shares) {
                 for (ResultRecord& record : share.get()) {
@@ -358,15 +379,11 @@ int runSequence(const SequenceOptions& options) {
     std::cout << "frames: " << goodFrames << ", skipped: " << run.skipped.size()
               << ", results: " << run.results.size() << " in " << options.outputFolder << std::endl;
     for (const auto& [status, count] : warnings) {
-        std::cout << "  " << count << " x " << SuperResolver::describe(status) << std::endl;
+        std::cout << "  " << count << " x " << statusText(status) << std::endl;
     }
     if (!options.json.empty()) {
         writeJson(options.json, run);
         std::cout << "wrote " << options.json << std::endl;
-    }
-    if (run.results.empty()) {
-        std::cerr << "kelvo-sr: fewer than five readable frames: no result." << std::endl;
-        return 1;
     }
     std::cout << "mean time per pass: " << passMilliseconds / run.results.size() << " ms"
               << std::endl;
