@@ -29,7 +29,7 @@ std::size_t referencePosition(const BurstCommandOptions& options, std::size_t fr
 }
 
 void writeComparison(const BurstCommandOptions& options, const cv::Mat_<float>& reference,
-                     const cv::Mat_<float>& result) {
+                     const cv::Mat_<float>& result, const ImageMeaning& meaning) {
     cv::Rect area(0, 0, result.cols, result.rows);
     if (options.crop.size() == 4) {
         area = cv::Rect(options.crop[0], options.crop[1], options.crop[2], options.crop[3]) & area;
@@ -38,9 +38,13 @@ void writeComparison(const BurstCommandOptions& options, const cv::Mat_<float>& 
         }
     }
     const cv::Mat_<float> bicubic = ImageQuality::upscaleBicubic(reference);
+    const ThermalPreview::Range range = previewRange(options.look, {result(area).clone()});
+    const ThermalPreview::Palette palette = ThermalPreview::paletteNamed(options.look.palette);
+    const cv::Mat strip = ThermalPreview::sideBySide(
+        {{"bicubic 2x", bicubic(area)}, {"super-resolution 2x", result(area)}}, &range, palette);
     writeColourImage(options.compare,
-                     ThermalPreview::sideBySide(
-                         {{"bicubic 2x", bicubic(area)}, {"super-resolution 2x", result(area)}}));
+                     ThermalPreview::withColourBar(strip, range, palette, pictureUnit(meaning)),
+                     &meaning);
 }
 
 // Names the frames behind a weak pass and says what to try; throws when the pass left no
@@ -127,9 +131,9 @@ int runBurst(const BurstCommandOptions& options) {
     const cv::Mat_<float> result = resolver->result();
     std::cout << describeQualityMap(resolver->estimatedShifts());
     const std::vector<std::string> used(options.frames.begin() + first, options.frames.end());
-    RunRecord run{"burst", values.kind, {}, {}};
+    RunRecord run{"burst", values.kind, !options.engine.calibration.empty(), {}, {}};
     ResultRecord record = recordPass(pass, used, lastStatus, passMilliseconds);
-    const ImageMeaning meaning = meaningOf(values.kind, record);
+    const ImageMeaning meaning = meaningOf(values.kind, run.calibrated, record);
     printRecord(std::cout, record);
     std::cout << "values: " << meaning.values << " (" << meaning.unit << ")" << std::endl;
 
@@ -147,14 +151,14 @@ int runBurst(const BurstCommandOptions& options) {
                   << " + " << encoding.offset << ")" << std::endl;
     }
     if (!options.preview.empty()) {
-        writeColourImage(options.preview,
-                         ThermalPreview::render(result, ThermalPreview::robustRange(result)),
-                         &meaning);
+        writePreview(options.preview, result, options.look, previewRange(options.look, {result}),
+                     meaning);
         record.outputs.push_back(options.preview);
         std::cout << "wrote " << options.preview << std::endl;
     }
     if (!options.compare.empty()) {
-        writeComparison(options, frames[referencePosition(options, frames.size())], result);
+        writeComparison(options, frames[referencePosition(options, frames.size())], result,
+                        meaning);
         record.outputs.push_back(options.compare);
         std::cout << "wrote " << options.compare << std::endl;
     }

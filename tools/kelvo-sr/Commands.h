@@ -18,6 +18,13 @@ struct EngineOptions {
     std::vector<std::string> calibration;  // reference engine: two-point calibration of counts
 };
 
+// How previews are coloured: the palette, and a fixed range (low, high) or none for one
+// chosen from the data.
+struct PreviewOptions {
+    std::string palette = "inferno";
+    std::vector<float> range;
+};
+
 struct DemoOptions {
     std::string outputFolder = "kelvo-sr-demo";
     int width = 320;
@@ -36,6 +43,7 @@ struct BurstCommandOptions {
     std::string compare;
     std::vector<int> crop;  // x, y, width, height in result pixels; empty: the whole image
     std::string json;       // machine-readable record of the run; empty: none
+    PreviewOptions look;
     EngineOptions engine;
 };
 
@@ -52,6 +60,7 @@ struct SequenceOptions {
     int end = -1;  // -1: up to the last frame
     int every = 1;
     int jobs = 1;  // windows computed at once, each on its own engine
+    PreviewOptions look;
     EngineOptions engine;
 };
 

@@ -1,5 +1,6 @@
 #include "tools/kelvo-sr/ImageFiles.h"
 
+#include "interface/SuperResolutionExtensions.h"
 #include "tools/kelvo-sr/RunReport.h"
 
 #include <tiffio.h>
@@ -139,15 +140,20 @@ std::string valueKindName(ValueKind values) {
     return values == ValueKind::kCounts ? "counts" : "temperature";
 }
 
-ImageMeaning meaningOf(ValueKind values) {
+ImageMeaning meaningOf(ValueKind values, bool calibrated) {
     ImageMeaning meaning;
-    meaning.values = valueKindName(values);
-    meaning.unit = values == ValueKind::kCounts ? "counts" : "°C";
+    if (calibrated) {
+        meaning.values = "radiance";
+        meaning.unit = "as the calibration's radiances";
+    } else {
+        meaning.values = valueKindName(values);
+        meaning.unit = values == ValueKind::kCounts ? "counts" : "°C";
+    }
     return meaning;
 }
 
-ImageMeaning meaningOf(ValueKind values, const ResultRecord& record) {
-    ImageMeaning meaning = meaningOf(values);
+ImageMeaning meaningOf(ValueKind values, bool calibrated, const ResultRecord& record) {
+    ImageMeaning meaning = meaningOf(values, calibrated);
     for (const FrameRecord& frame : record.frames) {
         meaning.sourceFrames.push_back(frame.file);
     }
@@ -155,8 +161,39 @@ ImageMeaning meaningOf(ValueKind values, const ResultRecord& record) {
     return meaning;
 }
 
+void writePreview(const std::string& path, const cv::Mat_<float>& image, const PreviewOptions& look,
+                  ThermalPreview::Range range, ImageMeaning meaning) {
+    const ThermalPreview::Palette palette = ThermalPreview::paletteNamed(look.palette);
+    meaning.encoding = {{"palette", look.palette}, {"range", {range.low, range.high}}};
+    writeColourImage(path,
+                     ThermalPreview::withColourBar(ThermalPreview::render(image, range, palette),
+                                                   range, palette, pictureUnit(meaning)),
+                     &meaning);
+}
+
+std::string pictureUnit(const ImageMeaning& meaning) {
+    // The pictures' font has no degree sign.
+    return meaning.unit == "°C" ? "C" : meaning.values == "radiance" ? "" : meaning.unit;
+}
+
+ThermalPreview::Range previewRange(const PreviewOptions& look,
+                                   const std::vector<cv::Mat_<float>>& images) {
+    if (look.range.size() == 2) {
+        if (!(look.range[0] < look.range[1])) {
+            throw std::runtime_error("--range needs LOW below HIGH.");
+        }
+        return {look.range[0], look.range[1]};
+    }
+    cv::Mat_<float> all;
+    cv::vconcat(images, all);
+    return ThermalPreview::robustRange(all);
+}
+
 std::string toolVersion() {
-    return KELVO_TOOL_VERSION;
+    // The loaded library's version: the tool may run against a newer library than it was
+    // built with.
+    char text[32] = {};
+    return SuperResolution_getVersionText(text, sizeof(text)) == SR_OK ? text : "unknown";
 }
 
 void requireExtension(const std::string& path, const std::vector<std::string>& extensions,

@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "tools/kelvo-sr/Commands.h"
 #include "tools/kelvo-sr/SuperResolver.h"
+#include "tools/simulator/ThermalPreview.h"
 
 namespace kelvo::tools {
 
@@ -25,12 +27,23 @@ struct ImageMeaning {
     nlohmann::json toJson() const;
 };
 
-// The meaning of results computed from frames of that kind.
-ImageMeaning meaningOf(ValueKind values);
+// The meaning of results computed from frames of that kind; calibrated counts give
+// radiance.
+ImageMeaning meaningOf(ValueKind values, bool calibrated = false);
 // ... and from the frames of that pass.
-ImageMeaning meaningOf(ValueKind values, const ResultRecord& record);
+ImageMeaning meaningOf(ValueKind values, bool calibrated, const ResultRecord& record);
 // "temperature" or "counts".
 std::string valueKindName(ValueKind values);
+
+// Writes a preview of the image in the palette the options ask for, over the range given,
+// with a colour bar labelled in the meaning's unit; a PNG states palette and range.
+void writePreview(const std::string& path, const cv::Mat_<float>& image, const PreviewOptions& look,
+                  ThermalPreview::Range range, ImageMeaning meaning);
+// The meaning's unit as the pictures' labels can show it.
+std::string pictureUnit(const ImageMeaning& meaning);
+// The options' fixed range, or the robust range of the images.
+ThermalPreview::Range previewRange(const PreviewOptions& look,
+                                   const std::vector<cv::Mat_<float>>& images);
 
 // The version of this tool and library, e.g. "0.1.0".
 std::string toolVersion();

@@ -36,6 +36,19 @@ void addEngineOptions(CLI::App& command, EngineOptions& options) {
     addEngineChoiceOptions(command, options);
 }
 
+void addPreviewOptions(CLI::App& command, PreviewOptions& options) {
+    command
+        .add_option("--palette", options.palette,
+                    "colours of the previews: iron, inferno, grey, white-hot or black-hot")
+        ->check(CLI::IsMember({"iron", "inferno", "grey", "white-hot", "black-hot"}))
+        ->capture_default_str();
+    command
+        .add_option("--range", options.range,
+                    "LOW HIGH: values the palette spans (default: the 1st to 99th percentile; one "
+                    "range for a whole sequence)")
+        ->expected(2);
+}
+
 void addRawOptions(CLI::App& command, std::string& size, std::string& type,
                    const std::vector<std::string>& types) {
     command.add_option("--size", size, "size of headerless raw frames, WxH (e.g. 640x512)");
@@ -93,6 +106,7 @@ int main(int argc, char** argv) {
     burstCommand
         ->add_option("--crop", burst.crop, "crop of --compare: X Y WIDTH HEIGHT in result pixels")
         ->expected(4);
+    addPreviewOptions(*burstCommand, burst.look);
     addRawOptions(*burstCommand, burst.rawSize, burst.rawType, {"u16", "i16", "f32"});
     addEngineOptions(*burstCommand, burst.engine);
 
@@ -126,6 +140,7 @@ int main(int argc, char** argv) {
                      "one at a time)")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
+    addPreviewOptions(*sequenceCommand, sequence.look);
     addRawOptions(*sequenceCommand, sequence.rawSize, sequence.rawType, {"u16", "i16", "f32"});
     addEngineOptions(*sequenceCommand, sequence.engine);
 

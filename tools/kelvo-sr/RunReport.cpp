@@ -75,7 +75,7 @@ void printRecord(std::ostream& out, const ResultRecord& record) {
 }
 
 nlohmann::json toJson(const RunRecord& run) {
-    const ImageMeaning meaning = meaningOf(run.values);
+    const ImageMeaning meaning = meaningOf(run.values, run.calibrated);
     nlohmann::json results = nlohmann::json::array();
     for (const ResultRecord& result : run.results) {
         results.push_back(toJson(result));

@@ -49,6 +49,7 @@ void printRecord(std::ostream& out, const ResultRecord& record);
 struct RunRecord {
     std::string command;
     ValueKind values = ValueKind::kTemperature;
+    bool calibrated = false;  // counts turned into radiance
     std::vector<ResultRecord> results;
     std::vector<std::pair<std::string, std::string>> skipped;  // file, reason
 };

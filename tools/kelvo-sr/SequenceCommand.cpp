@@ -205,8 +205,9 @@ struct EngineRecipe {
 // the frames of its window only, so any split of the windows gives the same results.
 class WindowWorker {
 public:
-    WindowWorker(const SequenceOptions& options, const EngineRecipe& recipe, ValueKind values)
-        : options(options), recipe(recipe), values(values) {}
+    WindowWorker(const SequenceOptions& options, const EngineRecipe& recipe, ValueKind values,
+                 ThermalPreview::Range previewRange)
+        : options(options), recipe(recipe), values(values), previewRange(previewRange) {}
 
     // Results for the windows ending at the batch positions `ends` (ascending).
     std::vector<ResultRecord> run(const std::vector<NamedFrame>& batch,
@@ -259,16 +260,14 @@ private:
     }
 
     void write(const cv::Mat_<float>& result, ResultRecord& record) const {
-        const ImageMeaning meaning = meaningOf(values, record);
+        const ImageMeaning meaning = meaningOf(values, !options.engine.calibration.empty(), record);
         const fs::path stem = fs::path(options.outputFolder) / resultStem(record.reference);
         record.result = stem.string() + ".tiff";
         writeFloatTiff(record.result, result, meaning);
         record.outputs.push_back(record.result);
         if (options.previews) {
             const std::string preview = stem.string() + ".png";
-            writeColourImage(preview,
-                             ThermalPreview::render(result, ThermalPreview::robustRange(result)),
-                             &meaning);
+            writePreview(preview, result, options.look, previewRange, meaning);
             record.outputs.push_back(preview);
         }
     }
@@ -276,6 +275,7 @@ private:
     const SequenceOptions& options;
     const EngineRecipe& recipe;
     ValueKind values;
+    ThermalPreview::Range previewRange;  // one for the whole sequence, so colours stay put
 };
 
 }  // namespace
@@ -294,7 +294,7 @@ int runSequence(const SequenceOptions& options) {
         frameCount >= kWindowSize ? (frameCount - kWindowSize) / options.every + 1 : 0;
 
     // The first readable frames (the batch's start) open the run: they decide the values.
-    RunRecord run{"sequence", ValueKind::kTemperature, {}, {}};
+    RunRecord run{"sequence", ValueKind::kTemperature, !options.engine.calibration.empty(), {}, {}};
     std::vector<NamedFrame> batch;  // frames read; the first four repeat the last batch's end
     EngineRecipe recipe{options.engine, {}, CV_8U};
     NamedFrame frame;
@@ -321,6 +321,7 @@ int runSequence(const SequenceOptions& options) {
         }
     }
     int goodFrames = static_cast<int>(batch.size());
+    const ThermalPreview::Range range = previewRange(options.look, recipe.opening);
     {
         QuietStandardOutput quiet(!options.engine.timings);
         for (bool more = true; more;) {
@@ -347,10 +348,9 @@ int runSequence(const SequenceOptions& options) {
             for (std::size_t job = 0; job < jobs; ++job) {
                 const std::vector<int> share(ends.begin() + ends.size() * job / jobs,
                                              ends.begin() + ends.size() * (job + 1) / jobs);
-                shares.push_back(
-                    std::async(std::launch::async, [&options, &recipe, &run, &batch, share] {
-                        return WindowWorker(options, recipe, run.values).run(batch, share);
-                    }));
+                shares.push_back(std::async(std::launch::async, [&, share] {
+                    return WindowWorker(options, recipe, run.values, range).run(batch, share);
+                }));
             }
             for (auto& share : shares) {
                 for (ResultRecord& record : share.get()) {

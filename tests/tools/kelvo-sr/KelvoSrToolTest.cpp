@@ -660,6 +660,21 @@ TEST_F(KelvoSrTool, SequenceOrdersSkipsAndSplitsItsWindows) {
         written.insert(entry.path().filename().string());
     }
     EXPECT_EQ(written, (std::set<std::string>{"3_sr.tiff", "3_sr.png", "5_sr.tiff", "5_sr.png"}));
+    // The previews of a sequence share one range, so their colours mean the same.
+    const auto previewLook = [&](const std::string& name) {  // palette and range
+        const std::string text = fileText(path("picked") / name);
+        const std::size_t start = text.find("\"encoding\":") + 11;
+        return nlohmann::json::parse(text.substr(start, text.find('}', start) + 1 - start));
+    };
+    EXPECT_EQ(previewLook("3_sr.png"), previewLook("5_sr.png"));
+    EXPECT_EQ(previewLook("3_sr.png")["palette"], "inferno");
+    ASSERT_EQ(run("sequence frames -o fixed --previews --palette iron --range 10000 14000 --end 4")
+                  .exitCode,
+              0);
+    EXPECT_EQ(
+        fileText(path("fixed/2_sr.png")).find("\"palette\":\"iron\",\"range\":[10000.0,14000.0]") !=
+            std::string::npos,
+        true);
     expectFailure("sequence frames --start 5 --end 2", "--end 2 lies before --start 5.");
 }
 
