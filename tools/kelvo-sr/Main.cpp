@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 
 using namespace kelvo::tools;
 
@@ -32,6 +33,7 @@ void addEngineOptions(CLI::App& command, EngineOptions& options) {
         "the scene is not), none, or a CSV table of x,y lines such as `badpixels` writes "
         "(default: auto for counts, none for temperatures)");
     command.add_flag("--timings", options.timings, "print the library's timing lines");
+    addEngineChoiceOptions(command, options);
 }
 
 void addRawOptions(CLI::App& command, std::string& size, std::string& type,
