@@ -22,6 +22,8 @@ constexpr int defaultReferenceIndex = 3;
 constexpr float defaultWeightTV = 400.0f;
 constexpr float defaultRegError = 0.0001f;
 constexpr float defaultRelativeResidue = 0.007f;
+
+// What the pass returns instead of its factor estimate.
 constexpr float engineStatusBadPixels = -2.0f;
 constexpr float engineStatusMaskHalfEmpty = -3.0f;
 constexpr float engineStatusTooLargeDisplacement = -6.0f;
