@@ -144,8 +144,9 @@ SrFloatRegistrationBase::Overlap SrFloatRegistrationBase::overlapOf(cv::Point_<i
     return overlap;
 }
 
+template <typename Mask>
 cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, const float* frame,
-                                                       cv::Point_<int> start, char* mask) {
+                                                       cv::Point_<int> start, Mask* mask) {
     const Overlap overlap = overlapOf(start);
     const cv::Rect& inReference = overlap.reference;
     const cv::Rect& inFrame = overlap.frame;
@@ -225,15 +226,20 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
     const cv::Rect valid = overlapOf(rounded).reference;
     for (int y = valid.y; y < valid.y + valid.height; ++y) {
         const float* smoothed = blurredErrorImage.data() + y * width;
-        char* validRow = mask + y * width;
+        Mask* validRow = mask + y * width;
         for (int x = valid.x; x < valid.x + valid.width; ++x) {
             if (smoothed[x] < regError) {
-                validRow[x] = 1;
+                validRow[x] = Mask(1);
             }
         }
     }
     return shift;
 }
+
+template cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float*, const float*,
+                                                                cv::Point_<int>, char*);
+template cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float*, const float*,
+                                                                cv::Point_<int>, float*);
 
 void SrFloatRegistrationBase::shiftFrame(const float* source, cv::Point_<float>& shift,
                                          float* destination) const {

@@ -55,9 +55,11 @@ protected:
     // The normalised squared residual of the linearised model, mean filtered, marks
     // the mask's valid pixels (below regError); the mask is only ever set to 1, so
     // the caller clears it first. The gradients and sums must be those of
-    // computeReferenceGradients(reference). Returns s0 + u.
+    // computeReferenceGradients(reference). Returns s0 + u. Masks are bytes or floats
+    // (1 valid).
+    template <typename Mask>
     cv::Point_<float> opticalFlow(const float* reference, const float* frame, cv::Point_<int> start,
-                                  char* mask);
+                                  Mask* mask);
 
     // Moves `source` by the whole-pixel part of `shift` as one flat array (pixels
     // carry across row ends; only the ends of the array are zero-filled) and leaves
