@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <stdexcept>
 
 #include "vision/superresolution/SrFloatCommon.h"
 #include "vision/superresolution/SrFloatNeonRegistration.h"
@@ -22,6 +23,15 @@ int srFactorCap(float factor) {
     return cap;
 }
 
+// The four-lane operators sample every second column and row: they compute the
+// operators of factor 2 only.
+float checkedFourLaneFactor(float factor) {
+    if (factor != 2.0f) {
+        throw std::invalid_argument("Invalid magnification factor specified.");
+    }
+    return factor;
+}
+
 }  // namespace
 
 template <class Registration>
@@ -34,7 +44,7 @@ SrFloatNeon<Registration>::SrFloatNeon(int width, int height, int windowSize, fl
       outputSize(outputWidth * outputHeight),
       spectrumSize((width / 2 + 1) * height),
       windowSize(checkedWindowSize(windowSize)),
-      factor(factor),
+      factor(checkedFourLaneFactor(factor)),
       registration(width, height, windowSize),
       minimization(width, height, windowSize, factor),
       frames(windowSize, std::vector<float>(inputSize + kSpare, 0.0f)),

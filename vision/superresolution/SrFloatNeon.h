@@ -14,7 +14,7 @@ class SrFloatNeonRegistration;
 // with SrFloatNeonMinimization on float validity masks (1.0 usable, 0.0 not). It has
 // no bad-pixel stage (frames enter the window as they are) and prints nothing.
 // Parameters, their ranges and messages, the window and the factor estimate are
-// SrFloat's. The library instantiates it for SrFloatNeonRegistration (include its
+// SrFloat's. The factor must be 2. The library instantiates it for SrFloatNeonRegistration (include its
 // header as well).
 template <class Registration>
 class SrFloatNeon {

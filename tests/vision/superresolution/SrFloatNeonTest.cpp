@@ -102,6 +102,7 @@ TEST(SrFloatNeon, TakesFramesAsTheyAreAndPrintsNothing) {
 
 TEST(SrFloatNeon, ParametersAndWindowBehaveAsInTheFloatEngine) {
     EXPECT_THROW(NeonEngine(64, 48, 0, 2.0f), const char*);
+    EXPECT_THROW(NeonEngine(64, 48, 5, 3.0f), std::invalid_argument);
     NeonEngine engine(64, 48, 5, 2.0f);
     EXPECT_EQ(engine.getOutputSize(), 128 * 96);
     try {
