@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "python/src/Resolver.h"
+
+#include <cstring>
+
+#include "interface/SuperResolutionContext.h"
+#include "interface/SuperResolutionInterface.h"
+#include "platform/kelvo/Exception.h"
+#include "vision/superresolution/SrFloat.h"
+#include "vision/superresolution/SrFloatRegistration1.h"
+#include "vision/superresolution/SrFloatRegistration2.h"
+
+namespace kelvo::python {
+
+namespace {
+
+template <class Engine>
+class SrFloatAdapter : public EngineAdapter {
+public:
+    SrFloatAdapter(int width, int height, const ResolverOptions& options)
+        : engine(width, height, interface::contextWindowSize, interface::contextFactor) {
+        interface::applyContextSettings(engine);
+        engine.setReferenceIndex(options.reference);
+        engine.setPsfSigma(options.psfSigma);
+        engine.setDataIsNUC(options.counts);
+    }
+    int addFrame(const float* frame) override { return engine.addFrame(frame); }
+    float computeSR(float* out) override { return engine.computeSR(out); }
+    void getCompleteShifts(std::vector<cv::Point_<float>>& out) const override {
+        engine.getCompleteShifts(out);
+    }
+    void getMasks(std::vector<cv::Mat_<unsigned char>>& out) const override {
+        engine.getMasks(out);
+    }
+    float getMinStructureThreshold() const override { return engine.getMinStructureThreshold(); }
+    int getStoredFrames() const override { return engine.getStoredFrames(); }
+
+private:
+    Engine engine;
+};
+
+std::unique_ptr<EngineAdapter> makeEngine(int width, int height, const ResolverOptions& options) {
+    if (options.engine == "float") {
+        return std::make_unique<SrFloatAdapter<vision::SrFloat<vision::SrFloatRegistration2>>>(
+            width, height, options);
+    }
+    if (options.engine == "phase") {
+        return std::make_unique<SrFloatAdapter<vision::SrFloat<vision::SrFloatRegistration1>>>(
+            width, height, options);
+    }
+    throw LibraryError(SR_ERROR, "Unknown engine '" + options.engine + "'.");
+}
+
+// Runs an engine call and turns whatever the engine throws into a LibraryError with the
+// C interface's code for it. Parameter setters throw their message as a plain C string.
+template <class Call>
+auto guarded(Call call) -> decltype(call()) {
+    try {
+        return call();
+    } catch (const LibraryError&) {
+        throw;
+    } catch (const cv::Exception& error) {
+        throw LibraryError(SR_ERROR, "cv::Exception: " + error.msg);
+    } catch (const std::exception& error) {
+        throw LibraryError(SR_ERROR, error.what());
+    } catch (const char* message) {
+        throw LibraryError(SR_ERROR, message);
+    }
+}
+
+// The bit pattern the engine reads as a defect to repair from its neighbours.
+float defectMarker() {
+    const unsigned int bits = vision::SuperResolutionBadPixelHandling::kMarkerDefect;
+    float marker = 0.0f;
+    std::memcpy(&marker, &bits, sizeof marker);
+    return marker;
+}
+
+}  // namespace
+
+Resolver::Resolver(int width, int height, const ResolverOptions& options)
+    : frameSize(width, height), badPixels(options.badPixels) {
+    engine = guarded([&] { return makeEngine(width, height, options); });
+    for (const cv::Point& pixel : badPixels) {
+        if (pixel.x < 0 || pixel.y < 0 || pixel.x >= width || pixel.y >= height) {
+            throw LibraryError(SR_ERROR, "The bad pixel (" + std::to_string(pixel.x) + ", " +
+                                             std::to_string(pixel.y) + ") lies outside the " +
+                                             std::to_string(width) + "x" + std::to_string(height) +
+                                             " frame.");
+        }
+    }
+    screening.setDataIsNUC(options.counts);
+    staged.create(height, width);
+    screened.create(height, width);
+    result.assign(static_cast<size_t>(outputWidth()) * outputHeight(), 0.0f);
+}
+
+int Resolver::add(const float* frame) {
+    std::lock_guard<std::mutex> hold(busy);
+    std::memcpy(staged.ptr<float>(), frame, sizeof(float) * staged.total());
+    const float marker = defectMarker();
+    for (const cv::Point& pixel : badPixels) {
+        staged(pixel) = marker;
+    }
+    staged.copyTo(screened);
+    guarded([&] { return screening.detectAndReplaceBadPixel(screened); });
+
+    // The same steps, in the same order, as SuperResolution_addImage.
+    double low = 0.0, high = 0.0;
+    cv::minMaxLoc(cv::Mat_<float>(frameSize.height, frameSize.width, const_cast<float*>(frame)),
+                  &low, &high);
+    int status = high - low < engine->getMinStructureThreshold() ? SR_LOW_STRUCTURE : SR_OK;
+    const int frameStatus = guarded([&] { return engine->addFrame(staged.ptr<float>()); });
+    ++added;
+    bool passRan = false;
+    if (added >= interface::contextWindowSize) {
+        lastPass = guarded([&] { return engine->computeSR(result.data()); });
+        passRan = true;
+    }
+    if (frameStatus == SR_BAD_PIXELS || (passRan && lastPass == -2.0f)) {
+        status = SR_BAD_PIXELS;
+    }
+    if (passRan && lastPass == -3.0f) {
+        status = SR_MASK_HALF_EMPTY;
+    }
+    return status;
+}
+
+int Resolver::framesAdded() const {
+    std::lock_guard<std::mutex> hold(busy);
+    return added;
+}
+
+float Resolver::passResult() const {
+    std::lock_guard<std::mutex> hold(busy);
+    return lastPass;
+}
+
+bool Resolver::copyResult(float* out) const {
+    std::lock_guard<std::mutex> hold(busy);
+    if (added < interface::contextWindowSize) {
+        return false;
+    }
+    std::memcpy(out, result.data(), sizeof(float) * result.size());
+    return true;
+}
+
+bool Resolver::copyShifts(std::vector<cv::Point_<float>>& out) const {
+    std::lock_guard<std::mutex> hold(busy);
+    if (added < interface::contextWindowSize) {
+        return false;
+    }
+    engine->getCompleteShifts(out);
+    out.resize(engine->getStoredFrames());
+    return true;
+}
+
+bool Resolver::copyMasks(std::vector<cv::Mat_<unsigned char>>& out) const {
+    std::lock_guard<std::mutex> hold(busy);
+    if (added < interface::contextWindowSize) {
+        return false;
+    }
+    engine->getMasks(out);
+    out.resize(engine->getStoredFrames());
+    return true;
+}
+
+}  // namespace kelvo::python
