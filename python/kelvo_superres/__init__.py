@@ -21,11 +21,12 @@ ValueError before anything reaches the library.
 """
 
 from ._core import Error, read_frame, show_timings
-from ._resolver import Result, Status, SuperResolver, sequence, super_resolve
+from ._resolver import FRAMES_PER_RESULT, Result, Status, SuperResolver, sequence, super_resolve
 from ._badpixels import find_bad_pixels, repair_bad_pixels
 
 __all__ = [
     "Error",
+    "FRAMES_PER_RESULT",
     "Result",
     "Status",
     "SuperResolver",
