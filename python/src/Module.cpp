@@ -9,6 +9,7 @@
 #include "interface/SuperResolutionContext.h"
 #include "python/src/Resolver.h"
 #include "tools/kelvo-sr/FrameReader.h"
+#include "tools/simulator/ImageQuality.h"
 #include "vision/superresolution/BadPixel.h"
 
 namespace py = pybind11;
@@ -252,6 +253,20 @@ void bindModule(py::module_& module) {
     showTimings(false);
     module.def("_psf_sigma_of_camera", &interface::psfSigmaOfCameraAndLensType,
                py::arg("camera_and_lens_type"));
+    module.def(
+        "upscale_bicubic",
+        [](const FloatFrame& frame) {
+            if (frame.ndim() != 2 || frame.size() == 0) {
+                throw py::value_error("a frame must be a non-empty 2-D array, not one of shape " +
+                                      shapeText(frame));
+            }
+            const cv::Mat_<float> view(static_cast<int>(frame.shape(0)),
+                                       static_cast<int>(frame.shape(1)),
+                                       const_cast<float*>(frame.data()));
+            return arrayCopyOf(tools::ImageQuality::upscaleBicubic(view));
+        },
+        py::arg("frame"),
+        "Bicubic upscaling by 2 onto the grid of the super-resolved image, for comparisons.");
     module.def(
         "read_frame",
         [](const std::string& path) {
