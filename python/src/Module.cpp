@@ -146,14 +146,14 @@ void bindResolver(py::module_& module) {
                  bool copied = false;
                  {
                      py::gil_scoped_release released;
-                     copied = resolver.copyResult(pixels);
+                     copied = resolver.copyLastPass(pixels, nullptr, nullptr);
                  }
                  return copied ? py::object(image) : py::none();
              })
         .def("shifts",
              [](const Resolver& resolver) -> py::object {
                  std::vector<cv::Point_<float>> shifts;
-                 if (!resolver.copyShifts(shifts)) {
+                 if (!resolver.copyLastPass(nullptr, &shifts, nullptr)) {
                      return py::none();
                  }
                  auto array = arrayOf<float>({static_cast<py::ssize_t>(shifts.size()), 2});
@@ -166,7 +166,7 @@ void bindResolver(py::module_& module) {
              })
         .def("masks", [](const Resolver& resolver) -> py::object {
             std::vector<cv::Mat_<unsigned char>> masks;
-            if (!resolver.copyMasks(masks)) {
+            if (!resolver.copyLastPass(nullptr, nullptr, &masks)) {
                 return py::none();
             }
             auto array = arrayOf<bool>(

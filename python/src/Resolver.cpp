@@ -136,32 +136,23 @@ float Resolver::passResult() const {
     return lastPass;
 }
 
-bool Resolver::copyResult(float* out) const {
+bool Resolver::copyLastPass(float* image, std::vector<cv::Point_<float>>* shifts,
+                            std::vector<cv::Mat_<unsigned char>>* masks) const {
     std::lock_guard<std::mutex> hold(busy);
     if (added < interface::contextWindowSize) {
         return false;
     }
-    std::memcpy(out, result.data(), sizeof(float) * result.size());
-    return true;
-}
-
-bool Resolver::copyShifts(std::vector<cv::Point_<float>>& out) const {
-    std::lock_guard<std::mutex> hold(busy);
-    if (added < interface::contextWindowSize) {
-        return false;
+    if (image != nullptr) {
+        std::memcpy(image, result.data(), sizeof(float) * result.size());
     }
-    engine->getCompleteShifts(out);
-    out.resize(engine->getStoredFrames());
-    return true;
-}
-
-bool Resolver::copyMasks(std::vector<cv::Mat_<unsigned char>>& out) const {
-    std::lock_guard<std::mutex> hold(busy);
-    if (added < interface::contextWindowSize) {
-        return false;
+    if (shifts != nullptr) {
+        engine->getCompleteShifts(*shifts);
+        shifts->resize(engine->getStoredFrames());
     }
-    engine->getMasks(out);
-    out.resize(engine->getStoredFrames());
+    if (masks != nullptr) {
+        engine->getMasks(*masks);
+        masks->resize(engine->getStoredFrames());
+    }
     return true;
 }
 

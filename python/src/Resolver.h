@@ -65,10 +65,10 @@ public:
     int framesAdded() const;
     // The last pass's result: the quality factor estimate or a negative status.
     float passResult() const;
-    // Copies of the state the last pass left; false before the first pass.
-    bool copyResult(float* out) const;
-    bool copyShifts(std::vector<cv::Point_<float>>& out) const;
-    bool copyMasks(std::vector<cv::Mat_<unsigned char>>& out) const;
+    // Copies what the last pass left into the outputs given (outputWidth x outputHeight
+    // floats; one shift and one mask per frame of the window); false before the first pass.
+    bool copyLastPass(float* image, std::vector<cv::Point_<float>>* shifts,
+                      std::vector<cv::Mat_<unsigned char>>* masks) const;
 
 private:
     cv::Size frameSize;
