@@ -20,7 +20,7 @@ the C interface's return code for the failure; unusable arguments raise TypeErro
 ValueError before anything reaches the library.
 """
 
-from ._core import Error, read_frame, show_timings, upscale_bicubic
+from ._core import Error, read_frame, upscale_bicubic
 from ._resolver import FRAMES_PER_RESULT, Result, Status, SuperResolver, sequence, super_resolve
 from ._badpixels import find_bad_pixels, repair_bad_pixels
 
@@ -34,7 +34,6 @@ __all__ = [
     "read_frame",
     "repair_bad_pixels",
     "sequence",
-    "show_timings",
     "super_resolve",
     "upscale_bicubic",
 ]

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The resolver, whole bursts and sliding windows over recordings."""
 
+import dataclasses
 import enum
 import operator
 from dataclasses import dataclass
@@ -92,15 +93,19 @@ class SuperResolver:
     reference: the reference frame, counted back from the newest (0..4).
     values: "temperature" (valid pixels in -274..5000) or "counts" (raw sensor counts, valid
         in -32768..32767); pixels outside are repaired as defective.
+    valid_range: (minimum, maximum) of the valid pixels instead, such as (0, 65535) for
+        unsigned 16-bit counts.
     bad_pixels: (x, y) positions, or a table from find_bad_pixels, of pixels known to be
         defective in every frame; they are repaired like any other defect.
     engine: "float" (tracked corners, the C interface's engine) or "phase" (phase
         correlation); "reference" and "lanes" are not part of this version yet.
     threads: threads per pass; this version runs each pass on one.
+    timings: print the engine's timing lines (one block per pass) on standard output.
     """
 
     def __init__(self, width, height, *, camera=None, psf_sigma=None, reference=3,
-                 values="temperature", bad_pixels=None, engine="float", threads=1):
+                 values="temperature", valid_range=None, bad_pixels=None, engine="float",
+                 threads=1, timings=False):
         width = _integer("width", width)
         height = _integer("height", height)
         if camera is not None and psf_sigma is not None:
@@ -124,9 +129,14 @@ class SuperResolver:
         if threads > 1:
             raise NotImplementedError("this version runs each pass on one thread: give "
                                       "threads=1, and run resolvers on threads of your own")
+        if valid_range is not None:
+            if np.shape(valid_range) != (2,):
+                raise ValueError(f"valid_range must be (minimum, maximum), not {valid_range!r}")
+            valid_range = tuple(float(end) for end in valid_range)
         self._engine = _core._Resolver(width, height, _AVAILABLE_ENGINES[engine],
-                                       values == "counts", _integer("reference", reference),
-                                       float(psf_sigma), _bad_pixel_positions(bad_pixels))
+                                       values == "counts", valid_range,
+                                       _integer("reference", reference), float(psf_sigma),
+                                       _bad_pixel_positions(bad_pixels), bool(timings))
         self.psf_sigma = float(psf_sigma)
 
     @property
@@ -224,7 +234,8 @@ def sequence(frames: Iterable, **options) -> Iterator[Result]:
 def super_resolve(frames, **options) -> Result:
     """Super-resolves a burst: a (frames, rows, columns) array or a list of 2-D arrays.
 
-    At least five frames; the last five make the result. Options are those of SuperResolver.
+    At least five frames; the last five make the result, the same bytes as a resolver fed every
+    frame (a pass sees only the frames of its window). Options are those of SuperResolver.
     """
     if isinstance(frames, np.ndarray) and frames.ndim != 3:
         raise ValueError("a burst is a 3-D array (frames, rows, columns) or a list of 2-D "
@@ -234,7 +245,5 @@ def super_resolve(frames, **options) -> Result:
     count = len(frames)
     if count < FRAMES_PER_RESULT:
         raise ValueError(f"a burst needs at least {FRAMES_PER_RESULT} frames, not {count}")
-    last = None
-    for last in sequence(frames, **options):
-        pass
-    return last
+    (result,) = sequence(frames[-FRAMES_PER_RESULT:], **options)
+    return dataclasses.replace(result, index=count - 1)

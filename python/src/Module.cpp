@@ -3,8 +3,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
-#include <iostream>
-#include <streambuf>
+#include <optional>
 
 #include "interface/SuperResolutionContext.h"
 #include "python/src/Resolver.h"
@@ -57,21 +56,6 @@ py::array_t<Value> arrayOf(std::initializer_list<py::ssize_t> shape) {
     return py::array_t<Value>(std::vector<py::ssize_t>(shape));
 }
 
-// The engine prints timing lines on standard output after every pass; in Python they are
-// noise unless asked for. This buffer drops them without holding state, so engines on
-// several threads may write into it at once.
-class DiscardingBuffer : public std::streambuf {
-protected:
-    int overflow(int character) override { return traits_type::not_eof(character); }
-    std::streamsize xsputn(const char*, std::streamsize count) override { return count; }
-};
-
-void showTimings(bool show) {
-    static DiscardingBuffer discard;
-    static std::streambuf* const standardOutput = std::cout.rdbuf();
-    std::cout.rdbuf(show ? standardOutput : &discard);
-}
-
 // 16-bit images for the bad-pixel utilities, which change their input: always a copy.
 template <class Value>
 cv::Mat_<Value> imageCopyOf(
@@ -112,16 +96,28 @@ void bindResolver(py::module_& module) {
     py::class_<Resolver>(module, "_Resolver",
                          "The engine behind SuperResolver; use that class instead.")
         .def(py::init([](int width, int height, const std::string& engine, bool counts,
-                         int reference, float psfSigma,
-                         const std::vector<std::pair<int, int>>& badPixels) {
-                 ResolverOptions options{engine, counts, reference, psfSigma, {}};
+                         std::optional<std::pair<float, float>> validRange, int reference,
+                         float psfSigma, const std::vector<std::pair<int, int>>& badPixels,
+                         bool timings) {
+                 ResolverOptions options;
+                 options.engine = engine;
+                 options.counts = counts;
+                 if (validRange) {
+                     options.validRangeGiven = true;
+                     options.validMinimum = validRange->first;
+                     options.validMaximum = validRange->second;
+                 }
+                 options.reference = reference;
+                 options.psfSigma = psfSigma;
                  for (const auto& [x, y] : badPixels) {
                      options.badPixels.emplace_back(x, y);
                  }
+                 options.timings = timings;
                  return std::make_unique<Resolver>(width, height, options);
              }),
              py::arg("width"), py::arg("height"), py::arg("engine"), py::arg("counts"),
-             py::arg("reference"), py::arg("psf_sigma"), py::arg("bad_pixels"))
+             py::arg("valid_range"), py::arg("reference"), py::arg("psf_sigma"),
+             py::arg("bad_pixels"), py::arg("timings"))
         .def(
             "add",
             [](Resolver& resolver, py::handle frame) {
@@ -247,10 +243,6 @@ void bindModule(py::module_& module) {
             PyErr_SetObject(error.ptr(), instance.ptr());
         }
     });
-    module.def("show_timings", &showTimings, py::arg("show") = true,
-               "Lets the engines' timing lines (one block per pass) reach standard output, or, "
-               "with False, drops them again (the default).");
-    showTimings(false);
     module.def("_psf_sigma_of_camera", &interface::psfSigmaOfCameraAndLensType,
                py::arg("camera_and_lens_type"));
     module.def(

@@ -23,6 +23,12 @@ public:
         engine.setReferenceIndex(options.reference);
         engine.setPsfSigma(options.psfSigma);
         engine.setDataIsNUC(options.counts);
+        if (options.validRangeGiven) {
+            engine.setValidRange(options.validMinimum, options.validMaximum);
+        }
+        if (!options.timings) {
+            engine.getTimingSink().toNowhere();
+        }
     }
     int addFrame(const float* frame) override { return engine.addFrame(frame); }
     float computeSR(float* out) override { return engine.computeSR(out); }
@@ -33,6 +39,7 @@ public:
         engine.getMasks(out);
     }
     float getMinStructureThreshold() const override { return engine.getMinStructureThreshold(); }
+    vision::TimingSink& getTimingSink() override { return engine.getTimingSink(); }
     int getStoredFrames() const override { return engine.getStoredFrames(); }
 
 private:
@@ -68,41 +75,27 @@ auto guarded(Call call) -> decltype(call()) {
     }
 }
 
-// The bit pattern the engine reads as a defect to repair from its neighbours.
-float defectMarker() {
-    const unsigned int bits = vision::SuperResolutionBadPixelHandling::kMarkerDefect;
-    float marker = 0.0f;
-    std::memcpy(&marker, &bits, sizeof marker);
-    return marker;
-}
-
 }  // namespace
 
 Resolver::Resolver(int width, int height, const ResolverOptions& options)
-    : frameSize(width, height), badPixels(options.badPixels) {
+    : frameSize(width, height) {
     engine = guarded([&] { return makeEngine(width, height, options); });
-    for (const cv::Point& pixel : badPixels) {
-        if (pixel.x < 0 || pixel.y < 0 || pixel.x >= width || pixel.y >= height) {
-            throw LibraryError(SR_ERROR, "The bad pixel (" + std::to_string(pixel.x) + ", " +
-                                             std::to_string(pixel.y) + ") lies outside the " +
-                                             std::to_string(width) + "x" + std::to_string(height) +
-                                             " frame.");
+    guarded([&] {
+        knownBadPixels.set(options.badPixels, frameSize);
+        screening.setDataIsNUC(options.counts);
+        if (options.validRangeGiven) {
+            screening.setValidRange(options.validMinimum, options.validMaximum);
         }
-    }
-    screening.setDataIsNUC(options.counts);
-    staged.create(height, width);
+        return 0;
+    });
     screened.create(height, width);
     result.assign(static_cast<size_t>(outputWidth()) * outputHeight(), 0.0f);
 }
 
 int Resolver::add(const float* frame) {
     std::lock_guard<std::mutex> hold(busy);
-    std::memcpy(staged.ptr<float>(), frame, sizeof(float) * staged.total());
-    const float marker = defectMarker();
-    for (const cv::Point& pixel : badPixels) {
-        staged(pixel) = marker;
-    }
-    staged.copyTo(screened);
+    const float* marked = knownBadPixels.marked(frame);
+    std::memcpy(screened.ptr<float>(), marked, sizeof(float) * screened.total());
     guarded([&] { return screening.detectAndReplaceBadPixel(screened); });
 
     // The same steps, in the same order, as SuperResolution_addImage.
@@ -110,7 +103,7 @@ int Resolver::add(const float* frame) {
     cv::minMaxLoc(cv::Mat_<float>(frameSize.height, frameSize.width, const_cast<float*>(frame)),
                   &low, &high);
     int status = high - low < engine->getMinStructureThreshold() ? SR_LOW_STRUCTURE : SR_OK;
-    const int frameStatus = guarded([&] { return engine->addFrame(staged.ptr<float>()); });
+    const int frameStatus = guarded([&] { return engine->addFrame(marked); });
     ++added;
     bool passRan = false;
     if (added >= interface::contextWindowSize) {

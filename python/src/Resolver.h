@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "vision/superresolution/KnownBadPixels.h"
 #include "vision/superresolution/SuperResolutionBadPixelHandling.h"
+#include "vision/superresolution/TimingSink.h"
 
 namespace kelvo::python {
 
@@ -29,16 +31,22 @@ public:
     virtual void getCompleteShifts(std::vector<cv::Point_<float>>& out) const = 0;
     virtual void getMasks(std::vector<cv::Mat_<unsigned char>>& out) const = 0;
     virtual float getMinStructureThreshold() const = 0;
+    virtual vision::TimingSink& getTimingSink() = 0;
     virtual int getStoredFrames() const = 0;
 };
 
 struct ResolverOptions {
     std::string engine = "float";
     bool counts = false;
+    // Pixels outside [minimum, maximum] are defective; by default the range of the values.
+    bool validRangeGiven = false;
+    float validMinimum = 0.0f;
+    float validMaximum = 0.0f;
     int reference = 3;
     float psfSigma = 0.683f;
     // Positions (x, y) of pixels known to be defective in every frame.
     std::vector<cv::Point> badPixels;
+    bool timings = false;
 };
 
 // One engine configured as a context of the C interface is, fed frame by frame: from the
@@ -72,12 +80,12 @@ public:
 
 private:
     cv::Size frameSize;
-    std::vector<cv::Point> badPixels;
     std::unique_ptr<EngineAdapter> engine;
+    // Written into every frame, as the C interface does with its known defective pixels.
+    vision::KnownBadPixels knownBadPixels;
     // Repairs a copy of each frame the way the engine will, to find out beforehand whether
     // the engine would throw on it; keeps no defect history.
     vision::SuperResolutionBadPixelHandling screening{0};
-    cv::Mat_<float> staged;
     cv::Mat_<float> screened;
     std::vector<float> result;
     float lastPass = kNoPassYet;

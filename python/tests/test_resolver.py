@@ -12,13 +12,12 @@ import kelvo_superres as ksr
 from conftest import burst_paths
 
 
-def c_interface_run(frames, camera=None):
+def c_interface_run(frames, configure=lambda library, handle: None):
     """The burst through the C interface, as a C host calls it: statuses and final result."""
     library = ctypes.CDLL(os.environ["KELVO_LIBRARY"])
     height, width = frames[0].shape
     handle = library.SuperResolution_init(width, height)
-    if camera is not None:
-        library.SuperResolution_setCameraAndLensType(handle, camera.encode())
+    configure(library, handle)
     pointer = ctypes.POINTER(ctypes.c_float)
     statuses = [library.SuperResolution_addImage(handle, np.ascontiguousarray(frame).ctypes.data_as(pointer))
                 for frame in frames]
@@ -51,10 +50,11 @@ def test_same_bytes_as_the_c_interface_and_the_tool(real_burst, tmp_path):
         assert ksr.read_frame(str(output)).tobytes() == c_result.tobytes()
 
 
-def test_camera_and_counts_options_reach_the_engine(small_burst):
+def test_options_give_the_bytes_of_the_c_interface_with_the_same_settings(small_burst):
     _, camera = python_run(small_burst, camera="625 FOV 22")
     assert camera.psf_sigma == np.float32(0.65)
-    assert camera.result.tobytes() == c_interface_run(small_burst, "625 FOV 22")[1].tobytes()
+    set_camera = lambda library, handle: library.SuperResolution_setCameraAndLensType(handle, b"625 FOV 22")
+    assert camera.result.tobytes() == c_interface_run(small_burst, set_camera)[1].tobytes()
     default = python_run(small_burst)[1].result
     assert camera.result.tobytes() != default.tobytes()
     assert python_run(small_burst, psf_sigma=0.65)[1].result.tobytes() == camera.result.tobytes()
@@ -62,6 +62,21 @@ def test_camera_and_counts_options_reach_the_engine(small_burst):
     cold = small_burst - 1000.0
     assert not np.array_equal(python_run(cold, values="counts")[1].result,
                               python_run(cold)[1].result)
+    # Known defective pixels, clustered so that some lack good neighbours, and a valid range.
+    hot = small_burst.copy()
+    positions = [(10, 10), (11, 10), (10, 11), (11, 11), (9, 10), (50, 40)]
+    for x, y in positions:
+        hot[:, y, x] = 255.0
+
+    def defects_and_range(library, handle):
+        flat = (ctypes.c_int * 12)(*np.ravel(positions))
+        assert library.SuperResolution_setDefectivePixels(handle, flat, len(positions)) == 0
+        assert library.SuperResolution_setValidRange(handle, ctypes.c_float(0), ctypes.c_float(250)) == 0
+
+    statuses, resolver = python_run(hot, bad_pixels=positions, valid_range=(0, 250))
+    c_statuses, c_result = c_interface_run(hot, defects_and_range)
+    assert statuses == c_statuses and resolver.result.tobytes() == c_result.tobytes()
+    assert resolver.result.tobytes() != python_run(hot)[1].result.tobytes()
 
 
 def test_every_real_dtype_and_layout_gives_the_float32_result(small_burst):
@@ -121,17 +136,6 @@ def test_a_frame_the_library_cannot_repair_is_not_added(small_burst):
     assert np.isfinite(ksr.super_resolve(spotted).image).all()
 
 
-def test_known_bad_pixels_are_repaired_like_defects(small_burst):
-    positions = [(10, 10), (50, 40)]
-    hot = small_burst.copy()
-    hot[:, 10, 10] = hot[:, 40, 50] = 255.0
-    marked = small_burst.copy()
-    marked[:, 10, 10] = marked[:, 40, 50] = np.nan
-    repaired = ksr.super_resolve(hot, bad_pixels=positions).image
-    assert repaired.tobytes() == ksr.super_resolve(marked).image.tobytes()
-    assert repaired.tobytes() != ksr.super_resolve(hot).image.tobytes()
-
-
 @pytest.mark.parametrize("options, error, message", [
     (dict(reference=5), ksr.Error, "^Invalid reference index specified.$"),
     (dict(psf_sigma=0.0), ksr.Error, "^Invalid standard deviation of the sensor psf specified.$"),
@@ -144,7 +148,9 @@ def test_known_bad_pixels_are_repaired_like_defects(small_burst):
     (dict(engine="fast"), ValueError, "engine must be one of"),
     (dict(engine="lanes"), NotImplementedError, "'lanes' engine"),
     (dict(threads=0), ValueError, "threads must be at least 1"),
-    (dict(bad_pixels=[(96, 0)]), ksr.Error, r"^The bad pixel \(96, 0\) lies outside the 96x80 frame.$"),
+    (dict(bad_pixels=[(0, 0), (96, 0)]), ksr.Error, r"^Defective pixel 1 at \(96, 0\) lies outside the 96 x 80 frame.$"),
+    (dict(valid_range=(5, 5)), ksr.Error, "^Invalid range of valid values specified.$"),
+    (dict(valid_range=5), ValueError, r"valid_range must be \(minimum, maximum\)"),
     (dict(bad_pixels=[(1.5, 2)]), TypeError, "integer positions"),
     (dict(bad_pixels=[1, 2]), ValueError, r"\(x, y\) positions"),
 ])
