@@ -4,6 +4,7 @@ import ctypes
 import os
 import subprocess
 import threading
+import time
 
 import numpy as np
 import pytest
@@ -184,3 +185,27 @@ def test_resolvers_on_two_threads_give_the_serial_results(small_burst):
     for thread in threads:
         thread.join()
     assert shared.frames_added == 14 and shared.result.shape == (160, 192)
+
+
+def test_a_pass_lets_other_python_threads_run(real_burst):
+    # While one thread is inside a pass, this thread keeps running Python: the longest pause it
+    # sees during the pass is short next to the pass, which it could not be if the pass held the
+    # interpreter lock.
+    resolver = ksr.SuperResolver(640, 512)
+    for frame in real_burst[:4]:
+        resolver.add(frame)
+    window = []
+
+    def last_frame():
+        window.append(time.perf_counter())
+        resolver.add(real_burst[4])
+        window.append(time.perf_counter())
+
+    ticks = []
+    thread = threading.Thread(target=last_frame)
+    thread.start()
+    while thread.is_alive():
+        ticks.append(time.perf_counter())
+    enter, leave = window
+    inside = [enter] + [tick for tick in ticks if enter < tick < leave] + [leave]
+    assert max(np.diff(inside)) < 0.5 * (leave - enter)
