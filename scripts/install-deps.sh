@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(build-essential cmake pkg-config clang-format
           libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libsimde-dev
           # The Python module, its tests, the cluster runner and the example script.
-          pybind11-dev python3-pybind11 python3-numpy python3-pytest
+          pybind11-dev python3-pybind11 python3-dev python3-numpy python3-pytest
           python3-dask python3-distributed python3-matplotlib)
 
 missing=()
