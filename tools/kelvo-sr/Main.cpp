@@ -134,9 +134,10 @@ int main(int argc, char** argv) {
                      "histogram: every value at or beyond --low/--high and every value that "
                      "few pixels share; this finds dead and hot pixels, but also a scene's "
                      "few hottest and coldest pixels. local: of those, only the pixels that "
-                     "stand out from the pixels around them (further outside their values "
-                     "than those spread); a warm object blurred over several pixels or a "
-                     "saturated region stays as it is")
+                     "stand out from the pixels around them, lying off every line through "
+                     "two opposite neighbours by more than half the local contrast; a pixel "
+                     "on an edge, a warm object blurred over several pixels or a saturated "
+                     "region stays as it is")
         ->check(CLI::IsMember({"local", "histogram"}))
         ->capture_default_str();
     badPixelsCommand
