@@ -271,6 +271,11 @@ std::unique_ptr<FrameEngine> makeFrameEngine(const EngineOptions& options,
                                              const std::vector<cv::Mat_<float>>& burst,
                                              int storedDepth) {
     if (options.engine == "reference") {
+        if (!options.badPixels.empty() && options.badPixels != "none") {
+            throw std::runtime_error(
+                "--bad-pixels works with the float engine; the reference engine finds the "
+                "defective pixels of every frame itself.");
+        }
         for (const cv::Mat_<float>& frame : burst) {
             requireFrameSize(frame, burst.front().size());
         }
