@@ -259,8 +259,6 @@ TEST_F(KelvoSrTool, ReferenceEngineTurnsCalibratedCountsIntoRadiance) {
 
     const std::string frames = "burst" + joined(names) + " --engine reference";
     expectFailure(frames, "needs --calibration");
-    expectFailure(frames + " --bad-pixels auto --calibration low.png 20 high.png 40",
-                  "--bad-pixels works with the float engine");
     expectFailure(frames + " --calibration small.png 20 high.png 40",
                   "The calibration image small.png is 96x70, the frames are 96x72.");
     expectFailure(frames + " --calibration low.png 20 low.png 40", "equal at every pixel");

@@ -5,6 +5,7 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "vision/superresolution/KnownBadPixels.h"
 #include "vision/superresolution/SuperResolutionBadPixelHandling.h"
 #include "vision/superresolution/TimingSink.h"
 #include "vision/superresolution/reference/Point.h"
@@ -75,6 +76,13 @@ public:
     // processing possible" when the spectrum overflows; the frame stays stored.
     template <typename T>
     int addFrame(const T* frame);
+    // Known defective pixels of the sensor: float frames (radiance from processFrame2
+    // included) get the minimum marker there as they are stored, so that the bad-pixel
+    // stage repairs them and refills the result around them. Throws
+    // std::invalid_argument for a position outside the frame, keeping the previous list.
+    void setKnownBadPixels(const std::vector<cv::Point>& positions) {
+        knownBadPixels.set(positions, cv::Size(width, height));
+    }
     void clearFrames() { storedFrames = 0; }
 
     // The pass: writes outputSize values to `out` and returns the quality factor
@@ -169,6 +177,7 @@ private:
     std::vector<cv::Mat_<float>> frameViews;
     int storedFrames = 0;
     TimingSink timingSink;
+    KnownBadPixels knownBadPixels;
 
     cv::Mat_<float> gainMap;
     cv::Mat_<float> offsetMap;
