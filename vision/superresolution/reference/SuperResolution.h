@@ -34,9 +34,10 @@ class SuperResolutionMinimization;
 // fraction of a pixel against the reference, and the frames add no detail.
 //
 // Parameter setters reject out-of-range values with the float engine's messages (a
-// plain C string) and leave the engine unchanged. Frames of 16-bit counts skip the
-// bad-pixel stage: their defects are those of the sensor, which the calibration
-// repairs.
+// plain C string) and leave the engine unchanged. 16-bit frames given to addFrame are
+// stored as they are and their passes skip the bad-pixel stage, whose valid ranges are
+// those of float data; raw counts that need it enter through processFrame2, which
+// repairs them as radiance.
 class SuperResolution {
 public:
     SuperResolution(int width, int height, int windowSize, float factor);
