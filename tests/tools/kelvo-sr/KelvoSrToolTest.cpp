@@ -249,6 +249,15 @@ TEST_F(KelvoSrTool, ReferenceEngineTurnsCalibratedCountsIntoRadiance) {
                   kelvo::tools::ImageQuality::upscaleBicubic(burst.frames[1]), burst.truth) +
                   0.5);
 
+    fs::create_directories(path("sequence"));
+    for (int i = 0; i < 6; ++i) {
+        fs::copy_file(path(names[i % 5]), path("sequence/counts" + std::to_string(i) + ".png"));
+    }
+    const ToolRun sequence =
+        run("sequence sequence --engine reference --calibration low.png 20 high.png 40 -o results");
+    EXPECT_EQ(sequence.exitCode, 0) << sequence.output;
+    EXPECT_NE(sequence.output.find("frames: 6, results: 2"), std::string::npos) << sequence.output;
+
     const std::string frames = "burst" + joined(names) + " --engine reference";
     expectFailure(frames, "needs --calibration");
     expectFailure(frames + " --calibration small.png 20 high.png 40",
