@@ -11,6 +11,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "tools/kelvo-sr/CommandSupport.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/Commands.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/simulator/ThermalPreview.h"
@@ -129,7 +130,7 @@ int runSequence(const SequenceOptions& options) {
     fs::create_directories(options.outputFolder);
     const bool terminal = isatty(STDERR_FILENO) != 0;
 
-    std::unique_ptr<SuperResolver> resolver;
+    std::unique_ptr<FrameEngine> resolver;
     std::map<int, int> failures;
     int frames = 0, passes = 0, unmatched = 0;
     double passSeconds = 0.0;
@@ -150,7 +151,7 @@ int runSequence(const SequenceOptions& options) {
     };
     while (nextFrame(frame)) {
         if (!resolver) {
-            resolver = makeSuperResolver(options.engine, opening, storedDepth);
+            resolver = makeFrameEngine(options.engine, opening, storedDepth);
         }
         const auto start = std::chrono::steady_clock::now();
         const int status = addNamedFrame(*resolver, sequence.name(frames), frame);
