@@ -130,6 +130,17 @@ int SuperResolution_setTimingLines(int handle, int destination,
 
 /* ---- Sized copies ----------------------------------------------------------------------- */
 
+/* Like SuperResolution_getSuperresolutionImage, for a buffer of `capacity` floats: one too small
+   for the (2 * width) * (2 * height) floats of the result receives nothing and gives SR_ERROR
+   with the message "Buffer too small: N floats needed.". Otherwise the same codes,
+   SR_TOO_FEW_IMAGES included. */
+int SuperResolution_getSuperresolutionImageSized(int handle, float* output, int capacity);
+
+/* Like SuperResolution_getErrorMessage, but the text always ends with its terminator within the
+   `size` bytes of the buffer, cut to size - 1 characters if need be. A null buffer or a size below
+   1 gives SR_ERROR and leaves the stored message as it was. */
+int SuperResolution_getErrorMessageSized(char* buffer, int size);
+
 /* ---- Sensor blur estimate --------------------------------------------------------------- */
 
 #ifdef __cplusplus

@@ -38,6 +38,9 @@ int countOutsideRange(const cv::Mat_<float>& frame, const FrameValues& values);
 // Throws std::runtime_error unless the frame has the size of the first frame.
 void requireFrameSize(const cv::Mat& frame, cv::Size firstFrameSize);
 
+// The pass status when registration failed: the pass wrote no result.
+constexpr int kRegistrationFailed = -998;
+
 // What the engine found in its last pass.
 struct PassReport {
     struct Frame {
