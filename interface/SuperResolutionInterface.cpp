@@ -5,6 +5,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <opencv2/core.hpp>
 #include <sstream>
 #include <string>
@@ -37,18 +38,25 @@ struct ContextRecord {
     int imageCount = 0;
 };
 
-// Handles index this table. Released records stay in it for reuse, so it never shrinks.
-std::vector<ContextRecord>& contextTable() {
-    static std::vector<ContextRecord> table;
+// Handles index this table. Released records stay in it for reuse, so it never shrinks, and
+// each record keeps its address while the table grows: a thread working on its context holds
+// the record without the lock, while other threads open, look up and release theirs.
+// (Both are built on first use, so that hosts may call in from their own static initialisers.)
+std::vector<std::unique_ptr<ContextRecord>>& contextTable() {
+    static std::vector<std::unique_ptr<ContextRecord>> table;
     return table;
 }
+std::mutex contextTableMutex;
 
+// The message of the last failure, shared by all contexts.
 std::string& lastErrorMessage() {
     static std::string message;
     return message;
 }
+std::mutex lastErrorMessageMutex;
 
 void setError(const std::string& message) {
+    const std::lock_guard<std::mutex> lock(lastErrorMessageMutex);
     lastErrorMessage() = message;
 }
 
@@ -58,11 +66,12 @@ int rejectInvalidContext() {
 }
 
 ContextRecord* liveRecord(int handle) {
-    std::vector<ContextRecord>& table = contextTable();
-    if (handle < 0 || handle >= static_cast<int>(table.size()) || !table[handle].engine) {
+    const std::lock_guard<std::mutex> lock(contextTableMutex);
+    const auto& table = contextTable();
+    if (handle < 0 || handle >= static_cast<int>(table.size()) || !table[handle]->engine) {
         return nullptr;
     }
-    return &table[handle];
+    return table[handle].get();
 }
 
 // Runs one request against the engine, turning whatever it throws into SR_ERROR and a message.
@@ -155,15 +164,8 @@ int SuperResolution_init(int width, int height) {
         const std::string unusedLogFile(logFile);
     }
     try {
-        std::vector<ContextRecord>& table = contextTable();
-        auto freeRecord = std::find_if(table.begin(), table.end(),
-                                       [](const ContextRecord& record) { return !record.engine; });
-        if (freeRecord == table.end()) {
-            table.emplace_back();
-            freeRecord = std::prev(table.end());
-        }
-        ContextRecord& record = *freeRecord;
-        // The record turns live only once everything succeeded.
+        // The engine is built outside the lock; the record turns live only once everything
+        // succeeded.
         auto engine =
             std::make_unique<SuperResolutionEngine>(width, height, framesPerResult, magnification);
         cv::Mat outputImage = cv::Mat::zeros(static_cast<int>(magnification * height),
@@ -172,6 +174,16 @@ int SuperResolution_init(int width, int height) {
         engine->setWeightTV(defaultWeightTV);
         engine->setRegError(defaultRegError);
         engine->setRelativeResidue(defaultRelativeResidue);
+        const std::lock_guard<std::mutex> lock(contextTableMutex);
+        auto& table = contextTable();
+        auto freeRecord = std::find_if(
+            table.begin(), table.end(),
+            [](const std::unique_ptr<ContextRecord>& record) { return !record->engine; });
+        if (freeRecord == table.end()) {
+            table.push_back(std::make_unique<ContextRecord>());
+            freeRecord = std::prev(table.end());
+        }
+        ContextRecord& record = **freeRecord;
         record.width = width;
         record.height = height;
         record.imageCount = 0;
@@ -292,6 +304,7 @@ int SuperResolution_getSuperresolutionImage(int handle, float* output) {
 
 int SuperResolution_getErrorMessage(char* buffer, int size) {
     if (buffer != nullptr && size > 0) {
+        const std::lock_guard<std::mutex> lock(lastErrorMessageMutex);
         std::strncpy(buffer, lastErrorMessage().c_str(), static_cast<std::size_t>(size));
     }
     return SR_OK;
@@ -302,13 +315,16 @@ int SuperResolution_release(int handle) {
     if (record == nullptr) {
         return rejectInvalidContext();
     }
-    record->engine.reset();
-    record->outputImage.release();
-    record->width = 0;
-    record->height = 0;
     if (record->diagnosticWriter.isOpen()) {
         record->diagnosticWriter.close();
     }
+    record->outputImage.release();
+    record->width = 0;
+    record->height = 0;
+    // Freeing the engine frees the record for the next SuperResolution_init.
+    std::unique_ptr<SuperResolutionEngine> engine;
+    const std::lock_guard<std::mutex> lock(contextTableMutex);
+    engine.swap(record->engine);
     return SR_OK;
 }
 

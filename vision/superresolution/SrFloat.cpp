@@ -16,6 +16,8 @@ namespace {
 
 // Frames larger than this would overflow the pixel indices of the stages.
 constexpr long long kMaxInputPixels = 1LL << 26;
+// More threads than this would only hold scratch rows for bands that do not exist.
+constexpr int kMaxThreads = 64;
 // The smallest frame side the registration's filters are defined on.
 constexpr int kMinFrameSide = 8;
 
@@ -193,6 +195,14 @@ void SrFloat<Registration>::setRelativeResidue(float residue) {
         throw "Invalid total-variation term weight specified.";
     }
     minimization.setRelRes(residue);
+}
+
+template <class Registration>
+void SrFloat<Registration>::setThreads(int count) {
+    if (count < 1 || count > kMaxThreads) {
+        throw "Invalid number of threads specified.";
+    }
+    minimization.setThreads(count);
 }
 
 template <class Registration>

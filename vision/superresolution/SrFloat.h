@@ -46,6 +46,11 @@ public:
     void setMinStructureThreshold(float threshold) { minStructureThreshold = threshold; }
     float getMinStructureThreshold() const { return minStructureThreshold; }
     void setDataIsNUC(bool isNUC) { badPixelHandling.setDataIsNUC(isNUC); }
+    // Threads (OpenCV's parallel_for_) that share the reconstruction of a pass; by
+    // default 1, every stage on the caller's thread; at most 64. The result is the same
+    // to the bit for any count.
+    void setThreads(int count);
+    int getThreads() const { return minimization.getThreads(); }
 
     int getInputSize() const { return inputSize; }
     int getOutputSize() const { return outputSize; }
