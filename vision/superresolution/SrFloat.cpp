@@ -278,8 +278,14 @@ float SrFloat<Registration>::computeSR(float* out) {
         }
         const signed char* mask = reinterpret_cast<const signed char*>(maskPointers[i]);
         long long validSum = 0;
-        for (int p = 0; p < inputSize; ++p) {
-            validSum += mask[p];
+        int p = 0;
+        // Partial sums in int stay exact for runs of up to 2^23 bytes.
+        for (constexpr int kRun = 1 << 23; p < inputSize; p += kRun) {
+            int runSum = 0;
+            for (int q = p; q < std::min(p + kRun, inputSize); ++q) {
+                runSum += mask[q];
+            }
+            validSum += runSum;
         }
         const float emptyFraction =
             static_cast<float>(inputSize - validSum) / static_cast<float>(inputSize);
@@ -328,13 +334,23 @@ void SrFloat<Registration>::saveFrame(float* out) const {
 template <class Registration>
 float SrFloat<Registration>::estimateSrFactor() const {
     const int cap = srFactorCap(factor);
+    // The frames seeing each pixel are counted a run of pixels at a time, mask after
+    // mask, so that the counting runs along contiguous bytes.
+    constexpr int kRun = 4096;
+    int framesSeeing[kRun];
     long long sum = 0;
-    for (int p = 0; p < inputSize; ++p) {
-        int framesSeeing = 0;
+    for (int first = 0; first < inputSize; first += kRun) {
+        const int length = std::min(kRun, inputSize - first);
+        std::fill(framesSeeing, framesSeeing + length, 0);
         for (int i = 0; i < storedFrames; ++i) {
-            framesSeeing += maskPointers[i][p] != 0;
+            const char* mask = maskPointers[i] + first;
+            for (int p = 0; p < length; ++p) {
+                framesSeeing[p] += mask[p] != 0;
+            }
         }
-        sum += std::min(framesSeeing, cap) - 1;
+        for (int p = 0; p < length; ++p) {
+            sum += std::min(framesSeeing[p], cap) - 1;
+        }
     }
     return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
 }
