@@ -203,6 +203,7 @@ void SrFloat<Registration>::setThreads(int count) {
         throw "Invalid number of threads specified.";
     }
     minimization.setThreads(count);
+    registration.setThreads(count);
 }
 
 template <class Registration>

@@ -60,13 +60,25 @@ SrFloatRegistrationBase::SrFloatRegistrationBase(const SrFloatRegistrationBase& 
       sumGxy(other.sumGxy),
       sumGyy(other.sumGyy),
       completeShifts(other.completeShifts),
-      lastShifts(other.lastShifts) {}
+      lastShifts(other.lastShifts) {
+    setThreads(other.threads);
+}
 
 SrFloatRegistrationBase& SrFloatRegistrationBase::operator=(const SrFloatRegistrationBase& other) {
     if (this != &other) {
         *this = SrFloatRegistrationBase(other);
     }
     return *this;
+}
+
+void SrFloatRegistrationBase::setThreads(int count) {
+    threads = std::max(count, 1);
+    // No more threads than frames can work at once.
+    workerResiduals.resize(std::min(threads, frameCount) - 1);
+    for (ResidualImages& images : workerResiduals) {
+        images.error.resize(pixelCount);
+        images.blurredError.resize(pixelCount);
+    }
 }
 
 void SrFloatRegistrationBase::getCompleteShifts(std::vector<cv::Point_<float>>& out) const {
@@ -145,7 +157,14 @@ SrFloatRegistrationBase::Overlap SrFloatRegistrationBase::overlapOf(cv::Point_<i
 }
 
 cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, const float* frame,
-                                                       cv::Point_<int> start, char* mask) {
+                                                       cv::Point_<int> start, char* mask,
+                                                       int worker) {
+    float* errorImage =
+        worker == 0 ? this->errorImage.data() : workerResiduals[worker - 1].error.data();
+    float* blurredErrorImage = worker == 0 ? this->blurredErrorImage.data()
+                                           : workerResiduals[worker - 1].blurredError.data();
+    cv::Mat_<float>& meanFilterScratch =
+        worker == 0 ? this->meanFilterScratch : workerResiduals[worker - 1].meanFilterScratch;
     const Overlap overlap = overlapOf(start);
     const cv::Rect& inReference = overlap.reference;
     const cv::Rect& inFrame = overlap.frame;
@@ -159,7 +178,7 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
         border.xy += stripSums.xy;
         border.yy += stripSums.yy;
         for (int y = strip->y; y < strip->y + strip->height; ++y) {
-            std::fill_n(errorImage.data() + y * width + strip->x, strip->width, regError);
+            std::fill_n(errorImage + y * width + strip->x, strip->width, regError);
         }
     }
     const double sxx = static_cast<double>(sumGxx) - border.xx;
@@ -206,15 +225,15 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
         const float* f = frame + (inFrame.y + j) * width + inFrame.x;
         const float* gx = refGradX.data() + referenceRow;
         const float* gy = refGradY.data() + referenceRow;
-        float* error = errorImage.data() + referenceRow;
+        float* error = errorImage + referenceRow;
         for (int i = 0; i < inReference.width; ++i) {
             const float residual = (gy[i] * uy + gx[i] * ux + f[i]) - r[i];
             error[i] = residual * residual * energyNorm;
         }
     }
 
-    cv::Mat_<float> error(height, width, errorImage.data());
-    cv::Mat_<float> blurredError(height, width, blurredErrorImage.data());
+    cv::Mat_<float> error(height, width, errorImage);
+    cv::Mat_<float> blurredError(height, width, blurredErrorImage);
     SrFloatConvolution::blurImageMeanFilter(error, regErrBlurRadius, blurredError,
                                             meanFilterScratch);
 
@@ -224,7 +243,7 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
                                   roundHalfUpSaturated(shift.y, height));
     const cv::Rect valid = overlapOf(rounded).reference;
     for (int y = valid.y; y < valid.y + valid.height; ++y) {
-        const float* smoothed = blurredErrorImage.data() + y * width;
+        const float* smoothed = blurredErrorImage + y * width;
         char* validRow = mask + y * width;
         for (int x = valid.x; x < valid.x + valid.width; ++x) {
             if (smoothed[x] < regError) {

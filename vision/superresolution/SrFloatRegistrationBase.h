@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
 #include <vector>
 
 #include "platform/kelvo/Exception.h"
@@ -41,6 +43,11 @@ public:
     // The full shifts (whole and sub-pixel parts) of the last doRegistration.
     void getCompleteShifts(std::vector<cv::Point_<float>>& out) const;
 
+    // Threads that share the sub-pixel steps of the frames (1: the caller's thread). Each
+    // frame's step is computed alone, so the count changes nothing in the results.
+    int getThreads() const { return threads; }
+    void setThreads(int count);
+
 protected:
     // Gradients of the (blurred) reference: central differences inside, one-sided
     // and not halved on the border rows and columns; and their whole-image sums
@@ -56,8 +63,14 @@ protected:
     // the mask's valid pixels (below regError); the mask is only ever set to 1, so
     // the caller clears it first. The gradients and sums must be those of
     // computeReferenceGradients(reference). Returns s0 + u.
+    // `worker` names the residual images it works in: 0 those of the object, w > 0 the
+    // w-th of the threads' own, so that the steps of different frames may run at once.
     cv::Point_<float> opticalFlow(const float* reference, const float* frame, cv::Point_<int> start,
-                                  char* mask);
+                                  char* mask, int worker = 0);
+    // step(frame, worker) for every frame in `frameIndices`, the frames dealt out in
+    // getThreads() runs of consecutive entries, run w with worker w.
+    template <typename Step>
+    void forEachFrame(const std::vector<int>& frameIndices, Step step);
 
     // Moves `source` by the whole-pixel part of `shift` as one flat array (pixels
     // carry across row ends; only the ends of the array are zero-filled) and leaves
@@ -103,6 +116,14 @@ protected:
     std::vector<float> errorImage;
     std::vector<float> blurredErrorImage;
     cv::Mat_<float> meanFilterScratch;
+    int threads = 1;
+    // The residual images of the threads beyond the first.
+    struct ResidualImages {
+        std::vector<float> error;
+        std::vector<float> blurredError;
+        cv::Mat_<float> meanFilterScratch;
+    };
+    std::vector<ResidualImages> workerResiduals;
     float sumGxx = 0.0f;
     float sumGxy = 0.0f;
     float sumGyy = 0.0f;
@@ -110,5 +131,24 @@ protected:
     std::vector<cv::Point_<float>> completeShifts;
     std::vector<cv::Point_<float>> lastShifts;
 };
+
+template <typename Step>
+void SrFloatRegistrationBase::forEachFrame(const std::vector<int>& frameIndices, Step step) {
+    const int count = static_cast<int>(frameIndices.size());
+    const int runs =
+        std::max(std::min({threads, count, static_cast<int>(workerResiduals.size()) + 1}), 1);
+    auto runFrames = [&](const cv::Range& range) {
+        for (int run = range.start; run < range.end; ++run) {
+            for (int entry = count * run / runs; entry < count * (run + 1) / runs; ++entry) {
+                step(frameIndices[entry], run);
+            }
+        }
+    };
+    if (runs <= 1) {
+        runFrames(cv::Range(0, 1));
+    } else {
+        cv::parallel_for_(cv::Range(0, runs), runFrames, runs);
+    }
+}
 
 }  // namespace kelvo::vision
