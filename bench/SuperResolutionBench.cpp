@@ -65,6 +65,15 @@ void BM_ComputeSR(benchmark::State& state) {
         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
+// The cheapest upscaling of the same reference frame, the yardstick of the pass's time.
+void BM_BicubicUpscale(benchmark::State& state) {
+    const Burst burst =
+        burstFor(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ImageQuality::upscaleBicubic(burst.frames[1]));
+    }
+}
+
 void BM_AddFrame(benchmark::State& state) {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
@@ -128,6 +137,7 @@ BENCHMARK_TEMPLATE(BM_ComputeSR, Engine)->Apply(sizesAndThreads);
 BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloat<kelvo::vision::SrFloatRegistration1>)
     ->Apply(sensorSizesOneThread);
 BENCHMARK(BM_Registration)->Apply(sensorSizes);
+BENCHMARK(BM_BicubicUpscale)->Apply(sensorSizes);
 BENCHMARK(BM_AddFrame)->Apply(sensorSizes);
 
 }  // namespace
