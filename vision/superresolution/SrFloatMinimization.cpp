@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <opencv2/core/utility.hpp>
 
 #include "vision/superresolution/LaneSum.h"
+#include "vision/superresolution/ParallelRuns.h"
 #include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
@@ -314,6 +314,98 @@ void SrFloatMinimization::computeL(int firstRow, int endRow) {
                      tvWeights(), firstRow, endRow);
 }
 
+// out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
+// `in` are handed to prepareRows(begin, end) (index ranges) before anything reads
+// them or the weights of their pixels, the rows of a band to finishRows(begin, end)
+// once they are final, and then to sumRows(begin, end) in ascending order.
+//
+// One thread runs the bands one after the other, each band from the weights to the
+// sums while its rows are in the cache. Several threads run each stage over all
+// bands before the next begins, as the stages read rows of the neighbouring bands,
+// and the sums run over the whole image afterwards in the one order.
+template <typename PrepareRows, typename FinishRows, typename SumRows>
+KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames, char** masks,
+                                                       float* out, PrepareRows prepareRows,
+                                                       FinishRows finishRows, SumRows sumRows) {
+    if (threads > 1) {
+        forEachBand(
+            [&](int, int first, int end) { prepareRows(first * fullWidth, end * fullWidth); });
+        forEachBand([&](int stripe, int first, int end) {
+            // The frame rows r sampled at full rows 2 r in the band.
+            const int lowResBegin = std::min((first + 1) / 2, lrHeight);
+            const int lowResEnd = std::min((end + 1) / 2, lrHeight);
+            convolutionOf(stripe).validCorrToSparse(numFrames, in, psfXTable.data(),
+                                                    psfYTable.data(), lowResTable.data(),
+                                                    lowResBegin, lowResEnd);
+        });
+        forEachBand([&](int stripe, int first, int end) {
+            applyStencil(in, first * fullWidth, end * fullWidth, out);
+            convolutionOf(stripe).accumulateFullConvFromSparse(numFrames, lowResTable.data(),
+                                                               psfXTable.data(), psfYTable.data(),
+                                                               masks, out, first, end);
+            finishRows(first * fullWidth, end * fullWidth);
+        });
+        sumRows(0, fullSize);
+        return;
+    }
+    int prepared = 0;
+    int lowResDone = 0;
+    for (int first = 0; first < fullHeight; first += kBandRows) {
+        const int end = std::min(first + kBandRows, fullHeight);
+        // The frame rows whose samples reach the band, r <= (end - 1) / 2, read the
+        // rows of `in` up to 2 r + psfSize - 1; the stencil reads one row beyond.
+        const int lowResNeeded = std::min((end - 1) / 2 + 1, lrHeight);
+        const int rowsRead =
+            std::min(std::max(2 * (lowResNeeded - 1) + psfSize, end + 1), fullHeight);
+        if (rowsRead > prepared) {
+            prepareRows(prepared * fullWidth, rowsRead * fullWidth);
+            prepared = rowsRead;
+        }
+        convolution.validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
+                                      lowResTable.data(), lowResDone, lowResNeeded);
+        lowResDone = std::max(lowResDone, lowResNeeded);
+        applyStencil(in, first * fullWidth, end * fullWidth, out);
+        convolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
+                                                 psfYTable.data(), masks, out, first, end);
+        updateThenSum(first * fullWidth, end * fullWidth, finishRows, sumRows);
+    }
+}
+
+// work(stripe, firstRow, endRow) for every band of kBandRows full rows. The bands are
+// dealt out in `threads` runs of consecutive bands; the run `stripe` works with
+// convolutionOf(stripe). One thread works on the caller's thread.
+template <typename Work>
+void SrFloatMinimization::forEachBand(Work work) {
+    const int bands = (fullHeight + kBandRows - 1) / kBandRows;
+    forEachInRuns(bands, threads, [&](int band, int stripe) {
+        const int first = band * kBandRows;
+        work(stripe, first, std::min(first + kBandRows, fullHeight));
+    });
+}
+
+// update(first, last) over the whole image, then sum(first, last) over it in
+// ascending order: piece by piece on one thread, so that each piece is summed while
+// it is in the cache.
+template <typename Update, typename Sum>
+void SrFloatMinimization::updateThenSumAll(Update update, Sum sum) {
+    if (threads > 1) {
+        forEachBand([&](int, int first, int end) { update(first * fullWidth, end * fullWidth); });
+        sum(0, fullSize);
+    } else {
+        updateThenSum(0, fullSize, update, sum);
+    }
+}
+
+SrFloatConvolution& SrFloatMinimization::convolutionOf(int stripe) {
+    return stripe == 0 ? convolution : stripeConvolutions[stripe - 1];
+}
+
+void SrFloatMinimization::setThreads(int count) {
+    threads = std::max(count, 1);
+    const int bands = (fullHeight + kBandRows - 1) / kBandRows;
+    stripeConvolutions.assign(std::min(threads, bands) - 1, convolution);
+}
+
 // out[i] = (L in)[i] for i in [begin, end). Pixels of the first and the last row
 // (and one more at either end) have neighbours outside the image and take the
 // general path; all others run through the branch-free loop.
@@ -407,109 +499,6 @@ float tvNeighbourWeightSum(const TvWeights& weights, int w, int i) {
         sum += weightDownLeft[i - w + 1];
     }
     return sum + weightDownLeft[i];
-}
-
-// out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
-// `in` are handed to prepareRows(begin, end) (index ranges) before anything reads
-// them or the weights of their pixels, the rows of a band to finishRows(begin, end)
-// once they are final, and then to sumRows(begin, end) in ascending order.
-//
-// One thread runs the bands one after the other, each band from the weights to the
-// sums while its rows are in the cache. Several threads run each stage over all
-// bands before the next begins, as the stages read rows of the neighbouring bands,
-// and the sums run over the whole image afterwards in the one order.
-template <typename PrepareRows, typename FinishRows, typename SumRows>
-KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames, char** masks,
-                                                       float* out, PrepareRows prepareRows,
-                                                       FinishRows finishRows, SumRows sumRows) {
-    if (threads > 1) {
-        forEachBand(
-            [&](int, int first, int end) { prepareRows(first * fullWidth, end * fullWidth); });
-        forEachBand([&](int stripe, int first, int end) {
-            // The frame rows r sampled at full rows 2 r in the band.
-            const int lowResBegin = std::min((first + 1) / 2, lrHeight);
-            const int lowResEnd = std::min((end + 1) / 2, lrHeight);
-            convolutionOf(stripe).validCorrToSparse(numFrames, in, psfXTable.data(),
-                                                    psfYTable.data(), lowResTable.data(),
-                                                    lowResBegin, lowResEnd);
-        });
-        forEachBand([&](int stripe, int first, int end) {
-            applyStencil(in, first * fullWidth, end * fullWidth, out);
-            convolutionOf(stripe).accumulateFullConvFromSparse(numFrames, lowResTable.data(),
-                                                               psfXTable.data(), psfYTable.data(),
-                                                               masks, out, first, end);
-            finishRows(first * fullWidth, end * fullWidth);
-        });
-        sumRows(0, fullSize);
-        return;
-    }
-    int prepared = 0;
-    int lowResDone = 0;
-    for (int first = 0; first < fullHeight; first += kBandRows) {
-        const int end = std::min(first + kBandRows, fullHeight);
-        // The frame rows whose samples reach the band, r <= (end - 1) / 2, read the
-        // rows of `in` up to 2 r + psfSize - 1; the stencil reads one row beyond.
-        const int lowResNeeded = std::min((end - 1) / 2 + 1, lrHeight);
-        const int rowsRead =
-            std::min(std::max(2 * (lowResNeeded - 1) + psfSize, end + 1), fullHeight);
-        if (rowsRead > prepared) {
-            prepareRows(prepared * fullWidth, rowsRead * fullWidth);
-            prepared = rowsRead;
-        }
-        convolution.validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
-                                      lowResTable.data(), lowResDone, lowResNeeded);
-        lowResDone = std::max(lowResDone, lowResNeeded);
-        applyStencil(in, first * fullWidth, end * fullWidth, out);
-        convolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
-                                                 psfYTable.data(), masks, out, first, end);
-        updateThenSum(first * fullWidth, end * fullWidth, finishRows, sumRows);
-    }
-}
-
-// work(stripe, firstRow, endRow) for every band of kBandRows full rows. The bands are
-// dealt out in `threads` runs of consecutive bands; the run `stripe` works with
-// convolutionOf(stripe). One thread works on the caller's thread.
-template <typename Work>
-void SrFloatMinimization::forEachBand(Work work) {
-    const int bands = (fullHeight + kBandRows - 1) / kBandRows;
-    const int stripes = std::min(threads, bands);
-    auto runStripes = [&](const cv::Range& range) {
-        for (int stripe = range.start; stripe < range.end; ++stripe) {
-            for (int band = bands * stripe / stripes; band < bands * (stripe + 1) / stripes;
-                 ++band) {
-                const int first = band * kBandRows;
-                work(stripe, first, std::min(first + kBandRows, fullHeight));
-            }
-        }
-    };
-    if (stripes <= 1) {
-        runStripes(cv::Range(0, 1));
-    } else {
-        cv::parallel_for_(cv::Range(0, stripes), runStripes, stripes);
-    }
-}
-
-// update(first, last) over the whole image, then sum(first, last) over it in
-// ascending order: piece by piece on one thread, so that each piece is summed while
-// it is in the cache.
-template <typename Update, typename Sum>
-void SrFloatMinimization::updateThenSumAll(Update update, Sum sum) {
-    if (threads > 1) {
-        forEachBand([&](int, int first, int end) { update(first * fullWidth, end * fullWidth); });
-        sum(0, fullSize);
-    } else {
-        updateThenSum(0, fullSize, update, sum);
-    }
-}
-
-SrFloatConvolution& SrFloatMinimization::convolutionOf(int stripe) {
-    return stripe == 0 ? convolution : stripeConvolutions[stripe - 1];
-}
-
-void SrFloatMinimization::setThreads(int count) {
-    threads = std::max(count, 1);
-    const int bands = (fullHeight + kBandRows - 1) / kBandRows;
-    stripeConvolutions.assign(std::min(threads, bands) - 1, convolution);
 }
 
 // One pixel of L in, leaving out the terms whose index falls outside the image.

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <opencv2/core.hpp>
-#include <opencv2/core/utility.hpp>
 #include <vector>
 
 #include "platform/kelvo/Exception.h"
+#include "vision/superresolution/ParallelRuns.h"
 
 namespace kelvo::vision {
 
@@ -134,21 +134,9 @@ protected:
 
 template <typename Step>
 void SrFloatRegistrationBase::forEachFrame(const std::vector<int>& frameIndices, Step step) {
-    const int count = static_cast<int>(frameIndices.size());
-    const int runs =
-        std::max(std::min({threads, count, static_cast<int>(workerResiduals.size()) + 1}), 1);
-    auto runFrames = [&](const cv::Range& range) {
-        for (int run = range.start; run < range.end; ++run) {
-            for (int entry = count * run / runs; entry < count * (run + 1) / runs; ++entry) {
-                step(frameIndices[entry], run);
-            }
-        }
-    };
-    if (runs <= 1) {
-        runFrames(cv::Range(0, 1));
-    } else {
-        cv::parallel_for_(cv::Range(0, runs), runFrames, runs);
-    }
+    forEachInRuns(static_cast<int>(frameIndices.size()),
+                  std::min(threads, static_cast<int>(workerResiduals.size()) + 1),
+                  [&](int entry, int worker) { step(frameIndices[entry], worker); });
 }
 
 }  // namespace kelvo::vision
