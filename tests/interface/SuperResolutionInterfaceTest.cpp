@@ -14,6 +14,7 @@
 
 #include "InterfaceTestScene.h"
 #include "interface/SuperResolutionContext.h"
+#include "interface/SuperResolutionExtensions.h"
 
 namespace {
 
@@ -362,11 +363,13 @@ TEST(SuperResolutionInterface, FramesCanBeWrittenToADiagnosticFolder) {
 }
 
 // Four contexts on four threads at once, each opened, fed, read and released on its thread while
-// the others fail calls and read the shared message: every result equals the one computed alone.
+// the others fail calls and read the shared message, two of them sharing their passes with a
+// thread of their own: every result equals the one computed alone.
 TEST(SuperResolutionInterface, ContextsOnDifferentThreadsRunConcurrently) {
     constexpr int threadCount = 4;
     auto run = [](int offset) {
         const int handle = SuperResolution_init(width, height);
+        EXPECT_EQ(SuperResolution_setThreads(handle, 1 + offset % 2), SR_OK);
         std::vector<float> result(4 * width * height, -1.0f);
         for (int i = 0; i < 6; ++i) {
             SuperResolution_addImage(handle, burstFrame((i + offset) % 6).data());
