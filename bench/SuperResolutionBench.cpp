@@ -3,12 +3,15 @@
 // engine threads (the third argument).
 #include <benchmark/benchmark.h>
 
+#include <type_traits>
 #include <utility>
 
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/simulator/BurstSimulator.h"
 #include "tools/simulator/ImageQuality.h"
 #include "vision/superresolution/SrFloat.h"
+#include "vision/superresolution/SrFloatNeon.h"
+#include "vision/superresolution/SrFloatNeonRegistration.h"
 #include "vision/superresolution/SrFloatRegistration1.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
 
@@ -43,7 +46,11 @@ void BM_ComputeSR(benchmark::State& state) {
     const Burst burst = burstFor(width, height);
     EngineType engine(width, height, 5, 2.0f);
     configure(engine);
-    engine.setThreads(static_cast<int>(state.range(2)));
+    // The four-lane engine has one thread only.
+    if constexpr (!std::is_same_v<EngineType, kelvo::vision::SrFloatNeon<
+                                                  kelvo::vision::SrFloatNeonRegistration>>) {
+        engine.setThreads(static_cast<int>(state.range(2)));
+    }
     for (const auto& frame : burst.frames) {
         engine.addFrame(frame);
     }
@@ -136,6 +143,9 @@ void sensorSizesOneThread(benchmark::internal::Benchmark* benchmark) {
 
 BENCHMARK_TEMPLATE(BM_ComputeSR, Engine)->Apply(sizesAndThreads);
 BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloat<kelvo::vision::SrFloatRegistration1>)
+    ->Apply(sensorSizesOneThread);
+// The four-lane engine: NEON on ARM, its SIMDe translation elsewhere.
+BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloatNeon<kelvo::vision::SrFloatNeonRegistration>)
     ->Apply(sensorSizesOneThread);
 BENCHMARK(BM_Registration)->Apply(sensorSizes);
 BENCHMARK(BM_BicubicUpscale)->Apply(sensorSizes);

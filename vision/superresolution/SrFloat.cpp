@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "platform/kelvo/StopWatch.h"
+#include "vision/superresolution/SrEngineCommon.h"
 #include "vision/superresolution/SrFloatRegistration1.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
 
@@ -14,32 +15,8 @@ namespace kelvo::vision {
 
 namespace {
 
-// Frames larger than this would overflow the pixel indices of the stages.
-constexpr long long kMaxInputPixels = 1LL << 26;
 // More threads than this would only hold scratch rows for bands that do not exist.
 constexpr int kMaxThreads = 64;
-// The smallest frame side the registration's filters are defined on.
-constexpr int kMinFrameSide = 8;
-
-int checkedWindowSize(int windowSize) {
-    if (windowSize < 1) {
-        throw "Invalid reference index specified.";
-    }
-    return windowSize;
-}
-
-// Validates the geometry before any buffer is sized from it; returns the width.
-int checkedGeometry(int width, int height, float factor) {
-    if (width < kMinFrameSide || height < kMinFrameSide ||
-        static_cast<long long>(width) * height > kMaxInputPixels) {
-        throw std::invalid_argument("Invalid image size specified.");
-    }
-    // The reconstruction's PSF tables are sized for magnifications in this range.
-    if (!(factor >= 1.0f && factor <= 4.0f)) {
-        throw std::invalid_argument("Invalid magnification factor specified.");
-    }
-    return width;
-}
 
 // The largest number of frames per pixel that still raises the quality estimate.
 // Computed once per process, from the factor of the first engine that runs a pass.
@@ -154,51 +131,32 @@ void SrFloat<Registration>::refreshPointers() {
 
 template <class Registration>
 void SrFloat<Registration>::setReferenceIndex(int index) {
-    if (index < 0 || index >= windowSize) {
-        throw "Invalid reference index specified.";
-    }
-    referenceIndex = index;
+    referenceIndex = checkedReferenceIndex(index, windowSize);
 }
 
 template <class Registration>
 void SrFloat<Registration>::setPsfSigma(float sigma) {
-    if (!(sigma > 0.0f)) {
-        throw "Invalid standard deviation of the sensor psf specified.";
-    }
-    minimization.setPsfSigma(sigma);
+    minimization.setPsfSigma(checkedPsfSigma(sigma));
 }
 
 template <class Registration>
 void SrFloat<Registration>::setMaxCGIters(int iterations) {
-    if (iterations < 1) {
-        throw "Invalid maximum number of iterations specified.";
-    }
-    minimization.setMaxIter(iterations);
+    minimization.setMaxIter(checkedMaxCGIters(iterations));
 }
 
 template <class Registration>
 void SrFloat<Registration>::setRegError(float error) {
-    if (!(error > 0.0f && error <= 1.0f)) {
-        throw "Invalid maximum registration error specified.";
-    }
-    registration.setRegError(error);
+    registration.setRegError(checkedRegError(error));
 }
 
 template <class Registration>
 void SrFloat<Registration>::setWeightTV(float weight) {
-    if (!(weight >= 1.0f) || std::isinf(weight)) {
-        throw "Invalid total-variation term weight specified.";
-    }
-    minimization.setWeightTV(weight);
+    minimization.setWeightTV(checkedWeightTV(weight));
 }
 
 template <class Registration>
 void SrFloat<Registration>::setRelativeResidue(float residue) {
-    // Reported with the total-variation message, as hosts have always seen it.
-    if (!(static_cast<double>(residue) >= 1e-6) || std::isinf(residue)) {
-        throw "Invalid total-variation term weight specified.";
-    }
-    minimization.setRelRes(residue);
+    minimization.setRelRes(checkedRelativeResidue(residue));
 }
 
 template <class Registration>
@@ -220,23 +178,14 @@ void SrFloat<Registration>::setValidRange(float minimum, float maximum) {
 
 template <class Registration>
 int SrFloat<Registration>::addFrame(const float* frame) {
-    if (frame == nullptr) {
-        throw std::invalid_argument("Frame data pointer is NULL.");
-    }
-    const int loaded = loadFrame(frame);
+    const int loaded = loadFrame(checkedFrame(frame));
     return loaded < 0 ? loaded : 0;
 }
 
 template <class Registration>
 int SrFloat<Registration>::loadFrame(const float* frame) {
-    if (storedFrames >= windowSize) {
-        std::rotate(frames.begin(), frames.begin() + 1, frames.end());
-        refreshPointers();
-    } else {
-        ++storedFrames;
-    }
-    float* newest = frames[storedFrames - 1].data();
-    std::memcpy(newest, frame, sizeof(float) * inputSize);
+    float* newest = slideWindow(frames, storedFrames, frame, inputSize);
+    refreshPointers();
 
     cv::Mat_<float> view(height, width, newest);
     int badPixelResult = 0;
@@ -283,36 +232,9 @@ float SrFloat<Registration>::computeSR(float* out) {
     registration.getCompleteShifts(completeShifts);
 
     watch.start();
-    const float limit = static_cast<float>(height / 10);
-    bool tooLarge = false;
-    bool tooManyMasked = false;
-    for (int i = 0; i < storedFrames; ++i) {
-        const cv::Point_<float>& shift = completeShifts[i];
-        if (std::fabs(shift.x) > limit || std::fabs(shift.y) > limit) {
-            tooLarge = true;
-        }
-        const signed char* mask = reinterpret_cast<const signed char*>(maskPointers[i]);
-        long long validSum = 0;
-        int p = 0;
-        // Partial sums in int stay exact for runs of up to 2^23 bytes.
-        for (constexpr int kRun = 1 << 23; p < inputSize; p += kRun) {
-            int runSum = 0;
-            for (int q = p; q < std::min(p + kRun, inputSize); ++q) {
-                runSum += mask[q];
-            }
-            validSum += runSum;
-        }
-        const float emptyFraction =
-            static_cast<float>(inputSize - validSum) / static_cast<float>(inputSize);
-        if (emptyFraction >= 0.5f) {
-            tooManyMasked = true;
-        }
-    }
+    const int status = displacementAndMaskStatus(completeShifts.data(), maskPointers.data(),
+                                                 storedFrames, width, height);
     timing << " large_displacement:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
-    int status = tooManyMasked ? -3 : 0;
-    if (tooLarge) {
-        status = -6;
-    }
 
     watch.start();
     const int iterations = minimization.minimize(storedFrames, ref, registeredPointers.data(),
@@ -322,13 +244,9 @@ float SrFloat<Registration>::computeSR(float* out) {
         return static_cast<float>(iterations);
     }
 
-    cv::Mat_<float> resultMatrix(outputHeight, outputWidth, result.data());
-    badPixelHandling.maskBadPixel(resultMatrix, completeShifts);
-    frameViews.clear();
-    for (int i = 0; i < storedFrames; ++i) {
-        frameViews.emplace_back(height, width, framePointers[i]);
-    }
-    badPixelHandling.replaceMaskedPixel(resultMatrix, completeShifts, frameViews);
+    repairResultBadPixels(badPixelHandling, result.data(), {outputWidth, outputHeight},
+                          completeShifts, framePointers.data(), storedFrames, {width, height},
+                          frameViews);
 
     watch.start();
     saveFrame(out);
@@ -344,43 +262,15 @@ void SrFloat<Registration>::saveFrame(float* out) const {
     std::memcpy(out, result.data(), sizeof(float) * outputSize);
 }
 
-// Mean number of extra frames that see each input pixel, capped at factor^2 and
-// mapped so that one frame per pixel gives 1 and a full set of frames gives
-// 1 + (cap - 1) / 4.
 template <class Registration>
 float SrFloat<Registration>::estimateSrFactor() const {
-    const int cap = srFactorCap(factor);
-    // The frames seeing each pixel are counted a run of pixels at a time, mask after
-    // mask, so that the counting runs along contiguous bytes.
-    constexpr int kRun = 4096;
-    int framesSeeing[kRun];
-    long long sum = 0;
-    for (int first = 0; first < inputSize; first += kRun) {
-        const int length = std::min(kRun, inputSize - first);
-        std::fill(framesSeeing, framesSeeing + length, 0);
-        for (int i = 0; i < storedFrames; ++i) {
-            const char* mask = maskPointers[i] + first;
-            for (int p = 0; p < length; ++p) {
-                framesSeeing[p] += mask[p] != 0;
-            }
-        }
-        for (int p = 0; p < length; ++p) {
-            sum += std::min(framesSeeing[p], cap) - 1;
-        }
-    }
-    return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
+    return kelvo::vision::estimateSrFactor(maskPointers.data(), storedFrames, inputSize,
+                                           srFactorCap(factor));
 }
 
 template <class Registration>
 void SrFloat<Registration>::getMasks(std::vector<cv::Mat_<unsigned char>>& out) const {
-    out.resize(windowSize);
-    for (int i = 0; i < windowSize; ++i) {
-        if (out[i].rows != height || out[i].cols != width || !out[i].isContinuous()) {
-            out[i].release();
-            out[i].create(height, width);
-        }
-        std::memcpy(out[i].ptr(), masks[i].data(), inputSize);
-    }
+    copyMasks(maskPointers.data(), windowSize, width, height, out);
 }
 
 template <class Registration>

@@ -81,6 +81,14 @@ void SrFloatRegistrationBase::setThreads(int count) {
     }
 }
 
+float* SrFloatRegistrationBase::errorImageOf(int worker) {
+    return worker == 0 ? errorImage.data() : workerResiduals[worker - 1].error.data();
+}
+
+float* SrFloatRegistrationBase::blurredErrorImageOf(int worker) {
+    return worker == 0 ? blurredErrorImage.data() : workerResiduals[worker - 1].blurredError.data();
+}
+
 void SrFloatRegistrationBase::getCompleteShifts(std::vector<cv::Point_<float>>& out) const {
     if (&out != &completeShifts) {
         out = completeShifts;
@@ -113,6 +121,14 @@ SrFloatRegistrationBase::GradientSums SrFloatRegistrationBase::sumGradientProduc
 }
 
 void SrFloatRegistrationBase::computeReferenceGradients(const float* reference) {
+    computeGradientImages(reference);
+    const GradientSums sums = sumGradientProducts(cv::Rect(0, 0, width, height));
+    sumGxx = static_cast<float>(sums.xx);
+    sumGxy = static_cast<float>(sums.xy);
+    sumGyy = static_cast<float>(sums.yy);
+}
+
+void SrFloatRegistrationBase::computeGradientImages(const float* reference) {
     // Central differences (R[y+1] - R[y-1]) / 2 inside; on the first and last row
     // and column the one-sided difference, deliberately not halved.
     for (int y = 0; y < height; ++y) {
@@ -136,10 +152,6 @@ void SrFloatRegistrationBase::computeReferenceGradients(const float* reference) 
         }
         gx[width - 1] = row[width - 1] - row[width - 2];
     }
-    const GradientSums sums = sumGradientProducts(cv::Rect(0, 0, width, height));
-    sumGxx = static_cast<float>(sums.xx);
-    sumGxy = static_cast<float>(sums.xy);
-    sumGyy = static_cast<float>(sums.yy);
 }
 
 SrFloatRegistrationBase::Overlap SrFloatRegistrationBase::overlapOf(cv::Point_<int> shift) const {
@@ -156,31 +168,22 @@ SrFloatRegistrationBase::Overlap SrFloatRegistrationBase::overlapOf(cv::Point_<i
     return overlap;
 }
 
+template <typename Mask>
 cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, const float* frame,
-                                                       cv::Point_<int> start, char* mask,
+                                                       cv::Point_<int> start, Mask* mask,
                                                        int worker) {
-    float* errorImage =
-        worker == 0 ? this->errorImage.data() : workerResiduals[worker - 1].error.data();
-    float* blurredErrorImage = worker == 0 ? this->blurredErrorImage.data()
-                                           : workerResiduals[worker - 1].blurredError.data();
-    cv::Mat_<float>& meanFilterScratch =
-        worker == 0 ? this->meanFilterScratch : workerResiduals[worker - 1].meanFilterScratch;
     const Overlap overlap = overlapOf(start);
     const cv::Rect& inReference = overlap.reference;
     const cv::Rect& inFrame = overlap.frame;
 
-    // The reference pixels the frame does not cover count as residual regError, so
-    // that the smoothed residual rises towards the threshold near the overlap edge.
     GradientSums border;
     for (const cv::Rect* strip : {&overlap.rowStrip, &overlap.columnStrip}) {
         const GradientSums stripSums = sumGradientProducts(*strip);
         border.xx += stripSums.xx;
         border.xy += stripSums.xy;
         border.yy += stripSums.yy;
-        for (int y = strip->y; y < strip->y + strip->height; ++y) {
-            std::fill_n(errorImage + y * width + strip->x, strip->width, regError);
-        }
     }
+    fillUncovered(overlap, worker);
     const double sxx = static_cast<double>(sumGxx) - border.xx;
     const double sxy = static_cast<double>(sumGxy) - border.xy;
     const double syy = static_cast<double>(sumGyy) - border.yy;
@@ -216,9 +219,38 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
     const float ux = static_cast<float>((sxy * by - syy * bx) / det);
     const float uy = static_cast<float>((sxy * bx - sxx * by) / det);
 
-    // Squared residual of the linearised model F + u . grad R - R, normalised by
-    // the gradient energy of the overlap.
-    const float energyNorm = static_cast<float>(1.0 / (sxx + syy));
+    writeResidualImage(reference, frame, overlap, ux, uy, static_cast<float>(1.0 / (sxx + syy)),
+                       worker);
+
+    cv::Mat_<float> error(height, width, errorImageOf(worker));
+    cv::Mat_<float> blurredError(height, width, blurredErrorImageOf(worker));
+    SrFloatConvolution::blurImageMeanFilter(
+        error, regErrBlurRadius, blurredError,
+        worker == 0 ? meanFilterScratch : workerResiduals[worker - 1].meanFilterScratch);
+
+    const cv::Point_<float> shift(static_cast<float>(start.x) + ux,
+                                  static_cast<float>(start.y) + uy);
+    markValidPixels(shift, mask, worker);
+    return shift;
+}
+
+void SrFloatRegistrationBase::fillUncovered(const Overlap& overlap, int worker) {
+    float* errorImage = errorImageOf(worker);
+    for (const cv::Rect* strip : {&overlap.rowStrip, &overlap.columnStrip}) {
+        for (int y = strip->y; y < strip->y + strip->height; ++y) {
+            std::fill_n(errorImage + y * width + strip->x, strip->width, regError);
+        }
+    }
+}
+
+// Squared residual of the linearised model F + u . grad R - R, normalised by the
+// gradient energy of the overlap.
+void SrFloatRegistrationBase::writeResidualImage(const float* reference, const float* frame,
+                                                 const Overlap& overlap, float ux, float uy,
+                                                 float energyNorm, int worker) {
+    float* errorImage = errorImageOf(worker);
+    const cv::Rect& inReference = overlap.reference;
+    const cv::Rect& inFrame = overlap.frame;
     for (int j = 0; j < inReference.height; ++j) {
         const int referenceRow = (inReference.y + j) * width + inReference.x;
         const float* r = reference + referenceRow;
@@ -231,28 +263,31 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
             error[i] = residual * residual * energyNorm;
         }
     }
+}
 
-    cv::Mat_<float> error(height, width, errorImage);
-    cv::Mat_<float> blurredError(height, width, blurredErrorImage);
-    SrFloatConvolution::blurImageMeanFilter(error, regErrBlurRadius, blurredError,
-                                            meanFilterScratch);
-
-    const cv::Point_<float> shift(static_cast<float>(start.x) + ux,
-                                  static_cast<float>(start.y) + uy);
+template <typename Mask>
+void SrFloatRegistrationBase::markValidPixels(cv::Point_<float> shift, Mask* mask, int worker) {
+    const float* blurredErrorImage = blurredErrorImageOf(worker);
     const cv::Point_<int> rounded(roundHalfUpSaturated(shift.x, width),
                                   roundHalfUpSaturated(shift.y, height));
     const cv::Rect valid = overlapOf(rounded).reference;
     for (int y = valid.y; y < valid.y + valid.height; ++y) {
         const float* smoothed = blurredErrorImage + y * width;
-        char* validRow = mask + y * width;
+        Mask* validRow = mask + y * width;
         for (int x = valid.x; x < valid.x + valid.width; ++x) {
             if (smoothed[x] < regError) {
-                validRow[x] = 1;
+                validRow[x] = Mask(1);
             }
         }
     }
-    return shift;
 }
+
+// The reference registration marks its byte masks with the same rule.
+template void SrFloatRegistrationBase::markValidPixels(cv::Point_<float>, char*, int);
+template cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float*, const float*,
+                                                                cv::Point_<int>, char*, int);
+template cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float*, const float*,
+                                                                cv::Point_<int>, float*, int);
 
 void SrFloatRegistrationBase::shiftFrame(const float* source, cv::Point_<float>& shift,
                                          float* destination) const {

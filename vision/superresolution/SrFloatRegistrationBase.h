@@ -54,6 +54,8 @@ protected:
     // Sxx = sum gx gx, Sxy = sum gx gy, Syy = sum gy gy (products in float, sums in
     // double, stored as float).
     void computeReferenceGradients(const float* reference);
+    // The gradient images alone, without their sums.
+    void computeGradientImages(const float* reference);
 
     // One Gauss-Newton step for a pure translation u over the overlap of reference R
     // and frame F displaced by the integer start s0:
@@ -62,11 +64,13 @@ protected:
     // The normalised squared residual of the linearised model, mean filtered, marks
     // the mask's valid pixels (below regError); the mask is only ever set to 1, so
     // the caller clears it first. The gradients and sums must be those of
-    // computeReferenceGradients(reference). Returns s0 + u.
-    // `worker` names the residual images it works in: 0 those of the object, w > 0 the
-    // w-th of the threads' own, so that the steps of different frames may run at once.
+    // computeReferenceGradients(reference). Returns s0 + u. Masks are bytes or floats
+    // (1 valid). `worker` names the residual images it works in: 0 those of the object,
+    // w > 0 the w-th of the threads' own, so that the steps of different frames may run
+    // at once.
+    template <typename Mask>
     cv::Point_<float> opticalFlow(const float* reference, const float* frame, cv::Point_<int> start,
-                                  char* mask, int worker = 0);
+                                  Mask* mask, int worker = 0);
     // step(frame, worker) for every frame in `frameIndices`, the frames dealt out in
     // getThreads() runs of consecutive entries, run w with worker w.
     template <typename Step>
@@ -103,6 +107,27 @@ protected:
     // Sums of gx gx, gx gy, gy gy over a region of the reference gradients.
     GradientSums sumGradientProducts(const cv::Rect& region) const;
 
+    // The pieces of opticalFlow's residual mask. The reference pixels the frame does
+    // not cover count as residual regError, so that the smoothed residual rises towards
+    // the threshold near the overlap edge; the overlap gets the squared residual of the
+    // step u = (ux, uy) times energyNorm; once errorImage is smoothed into
+    // blurredErrorImage, the pixels below regError inside the overlap of the rounded
+    // shift are set to 1 in the mask. `worker` as in opticalFlow.
+    void fillUncovered(const Overlap& overlap, int worker = 0);
+    void writeResidualImage(const float* reference, const float* frame, const Overlap& overlap,
+                            float ux, float uy, float energyNorm, int worker = 0);
+    template <typename Mask>
+    void markValidPixels(cv::Point_<float> shift, Mask* mask, int worker = 0);
+
+    // The residual images of a worker (see opticalFlow).
+    struct ResidualImages {
+        std::vector<float> error;
+        std::vector<float> blurredError;
+        cv::Mat_<float> meanFilterScratch;
+    };
+    float* errorImageOf(int worker);
+    float* blurredErrorImageOf(int worker);
+
     int width;
     int height;
     int pixelCount;
@@ -118,11 +143,6 @@ protected:
     cv::Mat_<float> meanFilterScratch;
     int threads = 1;
     // The residual images of the threads beyond the first.
-    struct ResidualImages {
-        std::vector<float> error;
-        std::vector<float> blurredError;
-        cv::Mat_<float> meanFilterScratch;
-    };
     std::vector<ResidualImages> workerResiduals;
     float sumGxx = 0.0f;
     float sumGxy = 0.0f;
