@@ -128,6 +128,19 @@ int SuperResolution_setTimingLines(int handle, int destination,
 
 /* ---- Threads ---------------------------------------------------------------------------- */
 
+/* Different contexts may be used on different threads at the same time: opening, looking up and
+   releasing contexts and the stored message are guarded inside the library, and each context
+   computes on the thread that calls it. The calls on one context must not overlap, and a context
+   must not be released while another thread still uses it. The stored message is the last
+   failure of any thread. */
+
+/* The number of threads, 1 .. 64, that share each pass of the context (OpenCV's parallel_for_;
+   OpenCV's own functions follow cv::setNumThreads). 1, the default, computes the whole pass on
+   the thread that adds the frame. The result is the same to the bit for any count. */
+int SuperResolution_setThreads(int handle, int threads);
+
+int SuperResolution_getThreads(int handle, int* threads);
+
 /* ---- Sized copies ----------------------------------------------------------------------- */
 
 /* Like SuperResolution_getSuperresolutionImage, for a buffer of `capacity` floats: one too small
