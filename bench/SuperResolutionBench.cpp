@@ -2,11 +2,12 @@
 // at the input sizes of common thermal sensors. Single-threaded.
 #include <benchmark/benchmark.h>
 
-
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/simulator/BurstSimulator.h"
 #include "tools/simulator/ImageQuality.h"
 #include "vision/superresolution/SrFloat.h"
+#include "vision/superresolution/SrFloatNeon.h"
+#include "vision/superresolution/SrFloatNeonRegistration.h"
 #include "vision/superresolution/SrFloatRegistration1.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
 
@@ -103,6 +104,9 @@ void sensorSizes(benchmark::internal::Benchmark* benchmark) {
 
 BENCHMARK_TEMPLATE(BM_ComputeSR, Engine)->Apply(sensorSizes);
 BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloat<kelvo::vision::SrFloatRegistration1>)
+    ->Apply(sensorSizes);
+// The four-lane engine: NEON on ARM, its SIMDe translation elsewhere.
+BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloatNeon<kelvo::vision::SrFloatNeonRegistration>)
     ->Apply(sensorSizes);
 BENCHMARK(BM_Registration)->Apply(sensorSizes);
 BENCHMARK(BM_AddFrame)->Apply(sensorSizes);

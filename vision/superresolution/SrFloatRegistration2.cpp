@@ -142,9 +142,10 @@ int SrFloatRegistration2::doRegistration(int registeredFrames, int referenceInde
     return 0;
 }
 
+template <typename Mask>
 int SrFloatRegistration2::registerFrames(int registeredFrames, int referenceIndex,
                                          const float* const*, cv::Point_<float>* shifts,
-                                         char** masks) {
+                                         Mask** masks) {
     // Frames that were never prepared have nothing to track.
     if (referenceIndex < 0 || referenceIndex >= registeredFrames ||
         registeredFrames > storedFrames) {
@@ -230,9 +231,10 @@ cv::Point_<int> SrFloatRegistration2::consensusDisplacement(
     return cv::Point_<int>(roundHalfUp(sum.x * reciprocal), roundHalfUp(sum.y * reciprocal));
 }
 
-void SrFloatRegistration2::initialize(char** masks, int referenceIndex) {
+template <typename Mask>
+void SrFloatRegistration2::initialize(Mask** masks, int referenceIndex) {
     for (size_t slot = 0; slot < preparedFrames.size(); ++slot) {
-        std::memset(masks[slot], static_cast<int>(slot) == referenceIndex ? 1 : 0, pixelCount);
+        std::fill_n(masks[slot], pixelCount, Mask(static_cast<int>(slot) == referenceIndex));
     }
     computeReferenceGradients(preparedFrames[referenceIndex].ptr<float>());
 }
@@ -241,5 +243,10 @@ void SrFloatRegistration2::extractCornersRefImage(cv::Mat_<float>& reference) {
     cv::goodFeaturesToTrack(reference, refCorners, kMaxCorners, kCornerQuality, kCornerMinDistance,
                             cv::noArray(), kCornerBlockSize, false, kHarrisConstant);
 }
+
+template int SrFloatRegistration2::registerFrames(int, int, const float* const*, cv::Point_<float>*,
+                                                  char**);
+template int SrFloatRegistration2::registerFrames(int, int, const float* const*, cv::Point_<float>*,
+                                                  float**);
 
 }  // namespace kelvo::vision

@@ -148,8 +148,9 @@ SrFloatRegistrationBase::Overlap SrFloatRegistrationBase::overlapOf(cv::Point_<i
     return overlap;
 }
 
+template <typename Mask>
 cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, const float* frame,
-                                                       cv::Point_<int> start, char* mask) {
+                                                       cv::Point_<int> start, Mask* mask) {
     const Overlap overlap = overlapOf(start);
     const cv::Rect& inReference = overlap.reference;
     const cv::Rect& inFrame = overlap.frame;
@@ -239,20 +240,28 @@ void SrFloatRegistrationBase::writeResidualImage(const float* reference, const f
     }
 }
 
-void SrFloatRegistrationBase::markValidPixels(cv::Point_<float> shift, char* mask) const {
+template <typename Mask>
+void SrFloatRegistrationBase::markValidPixels(cv::Point_<float> shift, Mask* mask) const {
     const cv::Point_<int> rounded(roundHalfUpSaturated(shift.x, width),
                                   roundHalfUpSaturated(shift.y, height));
     const cv::Rect valid = overlapOf(rounded).reference;
     for (int y = valid.y; y < valid.y + valid.height; ++y) {
         const float* smoothed = blurredErrorImage.data() + y * width;
-        char* validRow = mask + y * width;
+        Mask* validRow = mask + y * width;
         for (int x = valid.x; x < valid.x + valid.width; ++x) {
             if (smoothed[x] < regError) {
-                validRow[x] = 1;
+                validRow[x] = Mask(1);
             }
         }
     }
 }
+
+// The reference registration marks its byte masks with the same rule.
+template void SrFloatRegistrationBase::markValidPixels(cv::Point_<float>, char*) const;
+template cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float*, const float*,
+                                                                cv::Point_<int>, char*);
+template cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float*, const float*,
+                                                                cv::Point_<int>, float*);
 
 void SrFloatRegistrationBase::shiftFrame(const float* source, cv::Point_<float>& shift,
                                          float* destination) const {

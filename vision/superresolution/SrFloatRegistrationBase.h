@@ -57,9 +57,11 @@ protected:
     // The normalised squared residual of the linearised model, mean filtered, marks
     // the mask's valid pixels (below regError); the mask is only ever set to 1, so
     // the caller clears it first. The gradients and sums must be those of
-    // computeReferenceGradients(reference). Returns s0 + u.
+    // computeReferenceGradients(reference). Returns s0 + u. Masks are bytes or floats
+    // (1 valid).
+    template <typename Mask>
     cv::Point_<float> opticalFlow(const float* reference, const float* frame, cv::Point_<int> start,
-                                  char* mask);
+                                  Mask* mask);
 
     // Moves `source` by the whole-pixel part of `shift` as one flat array (pixels
     // carry across row ends; only the ends of the array are zero-filled) and leaves
@@ -101,7 +103,8 @@ protected:
     void fillUncovered(const Overlap& overlap);
     void writeResidualImage(const float* reference, const float* frame, const Overlap& overlap,
                             float ux, float uy, float energyNorm);
-    void markValidPixels(cv::Point_<float> shift, char* mask) const;
+    template <typename Mask>
+    void markValidPixels(cv::Point_<float> shift, Mask* mask) const;
 
     int width;
     int height;
