@@ -14,9 +14,6 @@ from . import _core
 FRAMES_PER_RESULT = 5
 ENGINES = ("float", "phase", "reference", "lanes")
 VALUES = ("temperature", "counts")
-# Engines the library offers, by the name this module gives them; the rest are announced in
-# ENGINES but not built into this version.
-_AVAILABLE_ENGINES = {"float": "float", "phase": "phase", "reference": "reference"}
 
 
 class Status(enum.IntEnum):
@@ -134,9 +131,11 @@ class SuperResolver:
         unsigned 16-bit counts.
     bad_pixels: (x, y) positions, or a table from find_bad_pixels, of pixels known to be
         defective in every frame; they are repaired like any other defect.
-    engine: "float" (tracked corners, the C interface's engine), "phase" (phase correlation)
-        or "reference" (the slow, literal engine whose float results are the same on every
-        build; it alone takes a calibration); "lanes" is not part of this version yet.
+    engine: "float" (tracked corners, the C interface's engine), "phase" (phase correlation),
+        "reference" (the slow, literal engine whose float results are the same on every build;
+        it alone takes a calibration) or "lanes" (the four-lane vector engine: the float
+        engine's results on finite frames, without a bad-pixel stage, so without values,
+        valid_range or bad_pixels, and refusing NaN or infinite pixels).
     calibration: a RadianceCalibration, with which the reference engine takes raw counts in
         process_counts.
     threads: threads per pass; this version runs each pass on one.
@@ -161,8 +160,6 @@ class SuperResolver:
             raise ValueError(f"values must be one of {VALUES}, not {values!r}")
         if engine not in ENGINES:
             raise ValueError(f"engine must be one of {ENGINES}, not {engine!r}")
-        if engine not in _AVAILABLE_ENGINES:
-            raise NotImplementedError(f"the {engine!r} engine is not part of this version")
         if calibration is not None:
             if not isinstance(calibration, RadianceCalibration):
                 raise TypeError("calibration must be a RadianceCalibration, not "
@@ -179,7 +176,7 @@ class SuperResolver:
             if np.shape(valid_range) != (2,):
                 raise ValueError(f"valid_range must be (minimum, maximum), not {valid_range!r}")
             valid_range = tuple(float(end) for end in valid_range)
-        self._engine = _core._Resolver(width, height, _AVAILABLE_ENGINES[engine],
+        self._engine = _core._Resolver(width, height, engine,
                                        values == "counts", valid_range,
                                        _integer("reference", reference), float(psf_sigma),
                                        _bad_pixel_positions(bad_pixels), bool(timings))

@@ -10,6 +10,8 @@
 #include "platform/kelvo/Exception.h"
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "vision/superresolution/SrFloat.h"
+#include "vision/superresolution/SrFloatNeon.h"
+#include "vision/superresolution/SrFloatNeonRegistration.h"
 #include "vision/superresolution/SrFloatRegistration1.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
 #include "vision/superresolution/reference/SuperResolution.h"
@@ -26,8 +28,9 @@ cv::Point_<float> pointOf(const vision::PointF& shift) {
     return {shift.x, shift.y};
 }
 
-template <class Registration>
-void setValidRange(vision::SrFloat<Registration>& engine, float minimum, float maximum) {
+// What the engines that repair defective pixels are told about them.
+template <class Engine>
+void setValidRange(Engine& engine, float minimum, float maximum) {
     engine.setValidRange(minimum, maximum);
 }
 
@@ -37,6 +40,49 @@ void setValidRange(vision::SuperResolution& engine, float minimum, float maximum
         throw LibraryError(SR_ERROR, "Invalid range of valid values specified.");
     }
     engine.getBadPixelHandling().setValidRange(minimum, maximum);
+}
+
+template <class Engine>
+void configureDefects(Engine& engine, const ResolverOptions& options) {
+    engine.setDataIsNUC(options.counts);
+    if (options.validRangeGiven) {
+        setValidRange(engine, options.validMinimum, options.validMaximum);
+    }
+}
+
+using LanesEngine = vision::SrFloatNeon<vision::SrFloatNeonRegistration>;
+
+void configureDefects(LanesEngine&, const ResolverOptions& options) {
+    if (options.counts || options.validRangeGiven || !options.badPixels.empty()) {
+        throw LibraryError(SR_ERROR,
+                           "The four-lane engine has no bad-pixel stage: values, valid_range and "
+                           "bad_pixels are not for it.");
+    }
+}
+
+template <class Engine>
+void setTimings(Engine& engine, bool timings) {
+    if (!timings) {
+        engine.getTimingSink().toNowhere();
+    }
+}
+
+// The four-lane engine times nothing.
+void setTimings(LanesEngine&, bool) {}
+
+template <class Engine>
+void copyMasks(const Engine& engine, std::vector<cv::Mat_<unsigned char>>& out) {
+    engine.getMasks(out);
+}
+
+// Its masks are floats, 1 where a pixel is usable.
+void copyMasks(const LanesEngine& engine, std::vector<cv::Mat_<unsigned char>>& out) {
+    std::vector<cv::Mat_<float>> masks;
+    engine.getMasks(masks);
+    out.resize(masks.size());
+    for (size_t i = 0; i < masks.size(); ++i) {
+        out[i] = masks[i] != 0.0f;
+    }
 }
 
 // The engines agree on the calls a resolver makes; they differ in their shift type and in
@@ -49,13 +95,8 @@ public:
         interface::applyContextSettings(engine);
         engine.setReferenceIndex(options.reference);
         engine.setPsfSigma(options.psfSigma);
-        engine.setDataIsNUC(options.counts);
-        if (options.validRangeGiven) {
-            setValidRange(engine, options.validMinimum, options.validMaximum);
-        }
-        if (!options.timings) {
-            engine.getTimingSink().toNowhere();
-        }
+        configureDefects(engine, options);
+        setTimings(engine, options.timings);
     }
     int addFrame(const float* frame) override { return engine.addFrame(frame); }
     float computeSR(float* out) override { return engine.computeSR(out); }
@@ -68,10 +109,10 @@ public:
         }
     }
     void getMasks(std::vector<cv::Mat_<unsigned char>>& out) const override {
-        engine.getMasks(out);
+        copyMasks(engine, out);
     }
+    bool repairsDefects() const override { return !std::is_same_v<Engine, LanesEngine>; }
     float getMinStructureThreshold() const override { return engine.getMinStructureThreshold(); }
-    vision::TimingSink& getTimingSink() override { return engine.getTimingSink(); }
     int getStoredFrames() const override { return engine.getStoredFrames(); }
 
 protected:
@@ -114,6 +155,9 @@ std::unique_ptr<EngineAdapter> makeEngine(int width, int height, const ResolverO
     if (options.engine == "phase") {
         return std::make_unique<Adapter<vision::SrFloat<vision::SrFloatRegistration1>>>(
             width, height, options);
+    }
+    if (options.engine == "lanes") {
+        return std::make_unique<Adapter<LanesEngine>>(width, height, options);
     }
     if (options.engine == "reference") {
         // The reference engine prints the taps of its registration blur when it is built.
@@ -175,7 +219,13 @@ int Resolver::add(const float* frame) {
     std::lock_guard<std::mutex> hold(busy);
     const float* marked = knownBadPixels.marked(frame);
     std::memcpy(screened.ptr<float>(), marked, sizeof(float) * screened.total());
-    guarded([&] { return screening.detectAndReplaceBadPixel(screened); });
+    if (engine->repairsDefects()) {
+        guarded([&] { return screening.detectAndReplaceBadPixel(screened); });
+    } else if (!cv::checkRange(screened)) {
+        throw LibraryError(SR_ERROR,
+                           "The four-lane engine takes finite pixels only: the frame holds NaN or "
+                           "infinite ones.");
+    }
 
     // The same steps, in the same order, as SuperResolution_addImage.
     double low = 0.0, high = 0.0;

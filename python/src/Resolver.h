@@ -10,7 +10,6 @@
 
 #include "vision/superresolution/KnownBadPixels.h"
 #include "vision/superresolution/SuperResolutionBadPixelHandling.h"
-#include "vision/superresolution/TimingSink.h"
 
 namespace kelvo::python {
 
@@ -31,7 +30,8 @@ public:
     virtual void getCompleteShifts(std::vector<cv::Point_<float>>& out) const = 0;
     virtual void getMasks(std::vector<cv::Mat_<unsigned char>>& out) const = 0;
     virtual float getMinStructureThreshold() const = 0;
-    virtual vision::TimingSink& getTimingSink() = 0;
+    // False for an engine without a bad-pixel stage, which takes finite frames only.
+    virtual bool repairsDefects() const = 0;
     virtual int getStoredFrames() const = 0;
     // Radiance from raw counts, for engines calibrated with two points per pixel; the others
     // throw.
