@@ -21,7 +21,7 @@ the C interface's return code for the failure; unusable arguments raise TypeErro
 ValueError before anything reaches the library.
 """
 
-from ._core import Error, read_frame, upscale_bicubic
+from ._core import Error, __version__, read_frame, upscale_bicubic
 from ._resolver import (FRAMES_PER_RESULT, RadianceCalibration, Result, Status, SuperResolver,
                         sequence, super_resolve)
 from ._badpixels import find_bad_pixels, repair_bad_pixels

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "interface/SuperResolutionContext.h"
+#include "interface/SuperResolutionExtensions.h"
 #include "python/src/Resolver.h"
 #include "tools/kelvo-sr/FrameReader.h"
 #include "tools/simulator/ImageQuality.h"
@@ -282,6 +283,9 @@ void bindModule(py::module_& module) {
             PyErr_SetObject(error.ptr(), instance.ptr());
         }
     });
+    char version[32] = {};
+    SuperResolution_getVersionText(version, sizeof version);
+    module.attr("__version__") = std::string(version);
     module.def("_psf_sigma_of_camera", &interface::psfSigmaOfCameraAndLensType,
                py::arg("camera_and_lens_type"));
     module.def(

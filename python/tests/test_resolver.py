@@ -39,6 +39,10 @@ def test_same_bytes_as_the_c_interface_and_the_tool(real_burst, tmp_path):
     c_statuses, c_result = c_interface_run(real_burst)
     assert statuses == c_statuses
     assert resolver.result.tobytes() == c_result.tobytes()
+    library = ctypes.CDLL(os.environ["KELVO_LIBRARY"])
+    version = ctypes.create_string_buffer(32)
+    assert library.SuperResolution_getVersionText(version, 32) == 0
+    assert ksr.__version__ == version.value.decode()
     assert resolver.status == ksr.Status.OK and 1.0 <= resolver.factor <= 2.0
     assert resolver.shifts.shape == (5, 2) and not resolver.shifts[1].any()  # reference frame
     assert resolver.masks.shape == (5, 512, 640) and resolver.masks[1].all()
