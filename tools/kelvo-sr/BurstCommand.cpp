@@ -18,7 +18,6 @@ namespace kelvo::tools {
 namespace {
 
 constexpr std::size_t kBurstFrames = 5;
-constexpr int kRegistrationFailed = -998;
 constexpr int kTooLargeDisplacement = -6;
 
 // Window position of the reference frame among the frames given, oldest first.
@@ -111,9 +110,8 @@ int runBurst(const BurstCommandOptions& options) {
     int lastStatus = 0;
     double passMilliseconds = 0.0;
     for (std::size_t i = first; i < frames.size(); ++i) {
-        warnOutsideRange(options.frames[i], frames[i], values);
         const auto start = std::chrono::steady_clock::now();
-        const int status = resolver->addFrame(frames[i]);
+        const int status = addNamedFrame(*resolver, options.frames[i], frames[i]);
         passMilliseconds =
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
                 .count();

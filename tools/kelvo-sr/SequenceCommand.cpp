@@ -8,6 +8,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
@@ -103,7 +104,7 @@ public:
             }
             return;
         }
-        if (!fs::is_regular_file(input) || !video.open(input)) {
+        if (!fs::is_regular_file(input) || !openQuietly(input)) {
             throw std::runtime_error("Cannot read '" + input +
                                      "': neither a folder of frames nor a video file.");
         }
@@ -158,6 +159,16 @@ public:
     }
 
 private:
+    // Each video back end that fails to open the file logs its own exception; the one message
+    // below says what matters.
+    bool openQuietly(const std::string& input) {
+        const auto level = cv::utils::logging::getLogLevel();
+        cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+        const bool opened = video.open(input);
+        cv::utils::logging::setLogLevel(level);
+        return opened;
+    }
+
     const RawFormat* rawFormat;
     std::vector<std::string> files;
     cv::VideoCapture video;
@@ -232,7 +243,12 @@ public:
                 double passMilliseconds = 0.0;
                 while (fedUpTo < end) {
                     const auto start = std::chrono::steady_clock::now();
-                    status = engine->addFrame(batch[++fedUpTo].image);
+                    const NamedFrame& frame = batch[++fedUpTo];
+                    try {
+                        status = engine->addFrame(frame.image);
+                    } catch (const std::runtime_error& error) {
+                        throw std::runtime_error(frame.name + ": " + error.what());
+                    }
                     passMilliseconds = std::chrono::duration<double, std::milli>(
                                            std::chrono::steady_clock::now() - start)
                                            .count();
@@ -242,7 +258,10 @@ public:
                 record = recordPass(pass, window, pass.status != 0 ? pass.status : status,
                                     passMilliseconds);
             }
-            write(result, record);
+            // A pass that matched no frame to its reference leaves no result of its own.
+            if (record.status != kRegistrationFailed) {
+                write(result, record);
+            }
             records.push_back(record);
         }
         renewEngine(engine, false);
@@ -307,11 +326,13 @@ int runSequence(const SequenceOptions& options) {
         std::cerr << "kelvo-sr: fewer than five readable frames: no result." << std::endl;
         return 1;
     }
+    FrameValues values;
     {
         // Every job's engine gets a slot in the interface's table before the jobs start.
         std::vector<std::unique_ptr<FrameEngine>> reserved;
         reserved.push_back(recipe.make());
-        run.values = reserved.front()->values().kind;
+        values = reserved.front()->values();
+        run.values = values.kind;
         QuietStandardOutput quiet;  // the decisions about the frames are printed once
         while (static_cast<int>(reserved.size()) < options.jobs) {
             reserved.push_back(recipe.make());
@@ -327,6 +348,7 @@ int runSequence(const SequenceOptions& options) {
         for (bool more = true; more;) {
             more = sequence.next(frame, run.skipped);
             if (more) {
+                warnOutsideRange(frame.name, frame.image, values);
                 batch.push_back(std::move(frame));
                 ++goodFrames;
             }
@@ -368,6 +390,12 @@ int runSequence(const SequenceOptions& options) {
         std::fprintf(stderr, "\n");
     }
 
+    // Passes that matched no frame to their reference wrote nothing: they are no results.
+    const auto unmatched = std::stable_partition(
+        run.results.begin(), run.results.end(),
+        [](const ResultRecord& record) { return record.status != kRegistrationFailed; });
+    const long unmatchedCount = std::distance(unmatched, run.results.end());
+    run.results.erase(unmatched, run.results.end());
     std::map<int, int> warnings;
     double passMilliseconds = 0.0;
     for (const ResultRecord& record : run.results) {
@@ -381,13 +409,22 @@ int runSequence(const SequenceOptions& options) {
     for (const auto& [status, count] : warnings) {
         std::cout << "  " << count << " x " << statusText(status) << std::endl;
     }
+    if (unmatchedCount > 0) {
+        std::cout << "  " << unmatchedCount
+                  << " x no frame matched the reference frame (too little structure): no result"
+                  << std::endl;
+    }
     if (!options.json.empty()) {
         writeJson(options.json, run);
         std::cout << "wrote " << options.json << std::endl;
     }
+    if (run.results.empty()) {
+        std::cerr << "kelvo-sr: no pass matched its frames: no result." << std::endl;
+        return 1;
+    }
     std::cout << "mean time per pass: " << passMilliseconds / run.results.size() << " ms"
               << std::endl;
-    return warnings.empty() && run.skipped.empty() ? 0 : 2;
+    return warnings.empty() && run.skipped.empty() && unmatchedCount == 0 ? 0 : 2;
 }
 
 }  // namespace kelvo::tools
