@@ -261,6 +261,10 @@ public:
             // A pass that matched no frame to its reference leaves no result of its own.
             if (record.status != kRegistrationFailed) {
                 write(result, record);
+            } else {
+                std::cerr << "warning: " << batch[end].name
+                          << ": no frame could be matched to the reference frame; no result written"
+                          << std::endl;
             }
             records.push_back(record);
         }
