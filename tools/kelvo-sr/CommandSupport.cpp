@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "tools/kelvo-sr/DefectSearch.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 
 namespace kelvo::tools {
 
@@ -98,11 +99,10 @@ std::vector<cv::Point> chooseDefectivePixels(const std::string& option,
     return found;
 }
 
-int addNamedFrame(SuperResolver& resolver, const std::string& frameName,
-                  const cv::Mat_<float>& frame) {
-    warnOutsideRange(frameName, frame, resolver.values());
+int addNamedFrame(FrameEngine& engine, const std::string& frameName, const cv::Mat_<float>& frame) {
+    warnOutsideRange(frameName, frame, engine.values());
     try {
-        return resolver.addFrame(frame);
+        return engine.addFrame(frame);
     } catch (const std::runtime_error& error) {
         throw std::runtime_error(frameName + ": " + error.what());
     }

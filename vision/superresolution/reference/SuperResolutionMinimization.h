@@ -65,7 +65,7 @@ private:
     int fullWidth;
     int fullHeight;
     int fullSize;
-    int maxFrames;
+    [[maybe_unused]] int maxFrames;
     float factor;
     float psfSigma = 0.0f;
     float weightTV = 0.0f;
