@@ -219,6 +219,23 @@ int SuperResolution_getPsfSigma(int handle, float* sigma) {
     });
 }
 
+int SuperResolution_setThreads(int handle, int threads) {
+    return withRecord(handle, [threads](ContextRecord& record) {
+        record.engine->setThreads(threads);
+        return static_cast<int>(SR_OK);
+    });
+}
+
+int SuperResolution_getThreads(int handle, int* threads) {
+    return withRecord(handle, [threads](ContextRecord& record) {
+        if (threads == nullptr) {
+            return rejectNull();
+        }
+        *threads = record.engine->getThreads();
+        return static_cast<int>(SR_OK);
+    });
+}
+
 int SuperResolution_setReferenceFrameChecked(int handle, int index) {
     return withRecord(handle, [index](ContextRecord& record) -> int {
         record.engine->setReferenceIndex(index);
