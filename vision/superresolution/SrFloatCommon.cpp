@@ -2,7 +2,6 @@
 #include "vision/superresolution/SrFloatCommon.h"
 
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 
 namespace kelvo::vision {
@@ -83,18 +82,6 @@ float checkedRelativeResidue(float residue) {
         throw "Invalid total-variation term weight specified.";
     }
     return residue;
-}
-
-float* slideWindow(std::vector<std::vector<float>>& frames, int& storedFrames, const float* frame,
-                   int frameSize) {
-    if (storedFrames >= static_cast<int>(frames.size())) {
-        std::rotate(frames.begin(), frames.begin() + 1, frames.end());
-    } else {
-        ++storedFrames;
-    }
-    float* newest = frames[storedFrames - 1].data();
-    std::memcpy(newest, frame, sizeof(float) * frameSize);
-    return newest;
 }
 
 }  // namespace kelvo::vision
