@@ -16,12 +16,8 @@ namespace {
 
 using kelvo::interface::SuperResolutionEngine;
 
-constexpr int framesPerResult = 5;
-constexpr float magnification = 2.0f;
-constexpr int defaultReferenceIndex = 3;
-constexpr float defaultWeightTV = 400.0f;
-constexpr float defaultRegError = 0.0001f;
-constexpr float defaultRelativeResidue = 0.007f;
+constexpr int framesPerResult = kelvo::interface::contextWindowSize;
+constexpr float magnification = kelvo::interface::contextFactor;
 constexpr float engineStatusBadPixels = -2.0f;
 constexpr float engineStatusMaskHalfEmpty = -3.0f;
 constexpr float engineStatusTooLargeDisplacement = -6.0f;
@@ -120,6 +116,10 @@ float psfSigmaOf(const CameraType& type) {
 
 namespace kelvo::interface {
 
+float psfSigmaOfCameraAndLensType(const std::string& cameraAndLensType) {
+    return psfSigmaOf(parseCameraType(cameraAndLensType));
+}
+
 ContextRecord* liveRecord(int handle) {
     std::vector<ContextRecord>& table = contextTable();
     if (handle < 0 || handle >= static_cast<int>(table.size()) || !table[handle].engine) {
@@ -170,10 +170,7 @@ int SuperResolution_init(int width, int height) {
             std::make_unique<SuperResolutionEngine>(width, height, framesPerResult, magnification);
         cv::Mat outputImage = cv::Mat::zeros(static_cast<int>(magnification * height),
                                              static_cast<int>(magnification * width), CV_32F);
-        engine->setReferenceIndex(defaultReferenceIndex);
-        engine->setWeightTV(defaultWeightTV);
-        engine->setRegError(defaultRegError);
-        engine->setRelativeResidue(defaultRelativeResidue);
+        kelvo::interface::applyContextSettings(*engine);
         record.width = width;
         record.height = height;
         record.imageCount = 0;
@@ -245,7 +242,7 @@ int SuperResolution_setCameraAndLensType(int handle, const char* cameraAndLensTy
         return rejectInvalidContext();
     }
     const std::string text = cameraAndLensType != nullptr ? cameraAndLensType : "";
-    record->engine->setPsfSigma(psfSigmaOf(parseCameraType(text)));
+    record->engine->setPsfSigma(kelvo::interface::psfSigmaOfCameraAndLensType(text));
     return SR_OK;
 }
 

@@ -5,6 +5,7 @@
 
 #include "interface/SuperResolutionInterface.h"
 #include "tools/kelvo-sr/CommandSupport.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/Commands.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/simulator/ImageQuality.h"
@@ -83,7 +84,7 @@ int runBurst(const BurstCommandOptions& options) {
     for (const std::string& path : options.frames) {
         frames.push_back(readFrame(path, rawFormat.get(), frames.empty() ? &storedDepth : nullptr));
     }
-    const auto resolver = makeSuperResolver(options.engine, frames, storedDepth);
+    const auto resolver = makeFrameEngine(options.engine, frames, storedDepth);
     const FrameValues& values = resolver->values();
 
     // One pass, over the last five frames; earlier ones served the bad-pixel search only.
@@ -108,6 +109,7 @@ int runBurst(const BurstCommandOptions& options) {
         lastStatus = pass.status;
     }
     const cv::Mat_<float> result = resolver->result();
+    std::cout << describeQualityMap(resolver->estimatedShifts());
 
     writeFloatTiff(options.output, result);
     std::cout << "wrote " << options.output << " (" << result.cols << "x" << result.rows << ")"

@@ -10,6 +10,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "tools/kelvo-sr/CommandSupport.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/Commands.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/simulator/ThermalPreview.h"
@@ -118,7 +119,7 @@ int runSequence(const SequenceOptions& options) {
     fs::create_directories(options.outputFolder);
     const bool terminal = isatty(STDERR_FILENO) != 0;
 
-    std::unique_ptr<SuperResolver> resolver;
+    std::unique_ptr<FrameEngine> resolver;
     std::map<int, int> failures;
     int frames = 0, passes = 0;
     double passSeconds = 0.0;
@@ -139,7 +140,7 @@ int runSequence(const SequenceOptions& options) {
     };
     while (nextFrame(frame)) {
         if (!resolver) {
-            resolver = makeSuperResolver(options.engine, opening, storedDepth);
+            resolver = makeFrameEngine(options.engine, opening, storedDepth);
         }
         warnOutsideRange(sequence.name(frames), frame, resolver->values());
         const auto start = std::chrono::steady_clock::now();

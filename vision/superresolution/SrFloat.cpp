@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "platform/kelvo/StopWatch.h"
-#include "vision/superresolution/SrFloatCommon.h"
+#include "vision/superresolution/SrEngineCommon.h"
 #include "vision/superresolution/SrFloatRegistration1.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
 
@@ -112,30 +112,9 @@ float SrFloat<Registration>::computeSR(float* out) {
     registration.getCompleteShifts(completeShifts);
 
     watch.start();
-    const float limit = static_cast<float>(height / 10);
-    bool tooLarge = false;
-    bool tooManyMasked = false;
-    for (int i = 0; i < storedFrames; ++i) {
-        const cv::Point_<float>& shift = completeShifts[i];
-        if (std::fabs(shift.x) > limit || std::fabs(shift.y) > limit) {
-            tooLarge = true;
-        }
-        const signed char* mask = reinterpret_cast<const signed char*>(maskPointers[i]);
-        long long validSum = 0;
-        for (int p = 0; p < inputSize; ++p) {
-            validSum += mask[p];
-        }
-        const float emptyFraction =
-            static_cast<float>(inputSize - validSum) / static_cast<float>(inputSize);
-        if (emptyFraction >= 0.5f) {
-            tooManyMasked = true;
-        }
-    }
+    const int status = displacementAndMaskStatus(completeShifts.data(), maskPointers.data(),
+                                                 storedFrames, width, height);
     timing << " large_displacement:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
-    int status = tooManyMasked ? -3 : 0;
-    if (tooLarge) {
-        status = -6;
-    }
 
     watch.start();
     const int iterations = minimization.minimize(storedFrames, ref, registeredPointers.data(),
@@ -145,13 +124,9 @@ float SrFloat<Registration>::computeSR(float* out) {
         return static_cast<float>(iterations);
     }
 
-    cv::Mat_<float> resultMatrix(outputHeight, outputWidth, result.data());
-    badPixelHandling.maskBadPixel(resultMatrix, completeShifts);
-    frameViews.clear();
-    for (int i = 0; i < storedFrames; ++i) {
-        frameViews.emplace_back(height, width, framePointers[i]);
-    }
-    badPixelHandling.replaceMaskedPixel(resultMatrix, completeShifts, frameViews);
+    repairResultBadPixels(badPixelHandling, result.data(), {outputWidth, outputHeight},
+                          completeShifts, framePointers.data(), storedFrames, {width, height},
+                          frameViews);
 
     watch.start();
     std::memcpy(out, result.data(), sizeof(float) * outputSize);

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "vision/superresolution/SrFloatCommon.h"
+#include "vision/superresolution/SrEngineCommon.h"
 #include "vision/superresolution/SrFloatMinimization.h"
 #include "vision/superresolution/SrFloatNeonMinimization.h"
 #include "vision/superresolution/SrFloatNeonRegistration.h"
@@ -114,15 +114,8 @@ void SrFloatEngineBase<Registration, Minimization, Mask>::setRelativeResidue(flo
 
 template <class Registration, class Minimization, typename Mask>
 float* SrFloatEngineBase<Registration, Minimization, Mask>::storeFrame(const float* frame) {
-    checkedFrame(frame);
-    if (storedFrames >= windowSize) {
-        std::rotate(frames.begin(), frames.begin() + 1, frames.end());
-        refreshPointers();
-    } else {
-        ++storedFrames;
-    }
-    float* newest = frames[storedFrames - 1].data();
-    std::memcpy(newest, frame, sizeof(float) * inputSize);
+    float* newest = slideWindow(frames, storedFrames, checkedFrame(frame), inputSize);
+    refreshPointers();
     return newest;
 }
 
@@ -136,20 +129,9 @@ float* SrFloatEngineBase<Registration, Minimization, Mask>::outputBuffer(
     return out.template ptr<float>();
 }
 
-// Mean number of extra frames that see each input pixel (mask not 0), capped at
-// cap - 1, and mapped so that one frame per pixel gives 1 and `cap` frames give
-// 1 + (cap - 1) / 4: with every mask fully valid, five frames and factor 2 it is 2.
 template <class Registration, class Minimization, typename Mask>
 float SrFloatEngineBase<Registration, Minimization, Mask>::estimateSrFactor(int cap) const {
-    long long sum = 0;
-    for (int p = 0; p < inputSize; ++p) {
-        int framesSeeing = 0;
-        for (int i = 0; i < storedFrames; ++i) {
-            framesSeeing += maskPointers[i][p] != Mask(0);
-        }
-        sum += std::min(framesSeeing, cap) - 1;
-    }
-    return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
+    return kelvo::vision::estimateSrFactor(maskPointers.data(), storedFrames, inputSize, cap);
 }
 
 template <class Registration, class Minimization, typename Mask>

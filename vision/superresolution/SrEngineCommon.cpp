@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "vision/superresolution/SrFloatCommon.h"
+#include "vision/superresolution/SrEngineCommon.h"
 
-#include <cmath>
+#include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
 namespace kelvo::vision {
@@ -25,13 +26,6 @@ int checkedGeometry(int width, int height, float factor) {
         throw std::invalid_argument("Invalid magnification factor specified.");
     }
     return width;
-}
-
-const float* checkedFrame(const float* frame) {
-    if (frame == nullptr) {
-        throw std::invalid_argument("Frame data pointer is NULL.");
-    }
-    return frame;
 }
 
 int checkedWindowSize(int windowSize) {
@@ -82,6 +76,43 @@ float checkedRelativeResidue(float residue) {
         throw "Invalid total-variation term weight specified.";
     }
     return residue;
+}
+
+float* slideWindow(std::vector<std::vector<float>>& frames, int& storedFrames, const float* frame,
+                   int frameSize) {
+    if (storedFrames >= static_cast<int>(frames.size())) {
+        std::rotate(frames.begin(), frames.begin() + 1, frames.end());
+    } else {
+        ++storedFrames;
+    }
+    float* newest = frames[storedFrames - 1].data();
+    std::memcpy(newest, frame, sizeof(float) * frameSize);
+    return newest;
+}
+
+void repairResultBadPixels(SuperResolutionBadPixelHandling& handling, float* result,
+                           cv::Size outputSize, const std::vector<cv::Point_<float>>& shifts,
+                           float* const* frames, int count, cv::Size frameSize,
+                           std::vector<cv::Mat_<float>>& frameViews) {
+    cv::Mat_<float> resultMatrix(outputSize.height, outputSize.width, result);
+    handling.maskBadPixel(resultMatrix, shifts);
+    frameViews.clear();
+    for (int i = 0; i < count; ++i) {
+        frameViews.emplace_back(frameSize.height, frameSize.width, frames[i]);
+    }
+    handling.replaceMaskedPixel(resultMatrix, shifts, frameViews);
+}
+
+void copyMasks(const char* const* masks, int count, int width, int height,
+               std::vector<cv::Mat_<unsigned char>>& out) {
+    out.resize(count);
+    for (int i = 0; i < count; ++i) {
+        if (out[i].rows != height || out[i].cols != width || !out[i].isContinuous()) {
+            out[i].release();
+            out[i].create(height, width);
+        }
+        std::memcpy(out[i].ptr(), masks[i], static_cast<size_t>(width) * height);
+    }
 }
 
 }  // namespace kelvo::vision
