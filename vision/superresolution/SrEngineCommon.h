@@ -79,13 +79,23 @@ int displacementAndMaskStatus(const Point* shifts, const char* const* masks, int
 // 1 + (cap - 1) / 4. Masks are bytes in the float engines and floats in the four-lane one.
 template <typename Mask>
 float estimateSrFactor(const Mask* const* masks, int count, int inputSize, int cap) {
+    // The frames seeing each pixel are counted a run of pixels at a time, mask after
+    // mask, so that the counting runs along contiguous memory.
+    constexpr int kRun = 4096;
+    int framesSeeing[kRun];
     long long sum = 0;
-    for (int p = 0; p < inputSize; ++p) {
-        int framesSeeing = 0;
+    for (int first = 0; first < inputSize; first += kRun) {
+        const int length = std::min(kRun, inputSize - first);
+        std::fill(framesSeeing, framesSeeing + length, 0);
         for (int i = 0; i < count; ++i) {
-            framesSeeing += masks[i][p] != Mask(0);
+            const Mask* mask = masks[i] + first;
+            for (int p = 0; p < length; ++p) {
+                framesSeeing[p] += mask[p] != Mask(0);
+            }
         }
-        sum += std::min(framesSeeing, cap) - 1;
+        for (int p = 0; p < length; ++p) {
+            sum += std::min(framesSeeing[p], cap) - 1;
+        }
     }
     return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
 }

@@ -15,6 +15,9 @@ namespace kelvo::vision {
 
 namespace {
 
+// More threads than this would only hold scratch rows for bands that do not exist.
+constexpr int kMaxThreads = 64;
+
 // The largest number of frames per pixel that still raises the quality estimate.
 // Computed once per process, from the factor of the first engine that runs a pass.
 int srFactorCap(float factor) {
@@ -56,6 +59,15 @@ SrFloat<Registration>& SrFloat<Registration>::operator=(const SrFloat& other) {
     frameViews.clear();
     frameViews.reserve(windowSize);
     return *this;
+}
+
+template <class Registration>
+void SrFloat<Registration>::setThreads(int count) {
+    if (count < 1 || count > kMaxThreads) {
+        throw "Invalid number of threads specified.";
+    }
+    minimization.setThreads(count);
+    registration.setThreads(count);
 }
 
 template <class Registration>

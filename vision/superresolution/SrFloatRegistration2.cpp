@@ -157,17 +157,27 @@ int SrFloatRegistration2::registerFrames(int registeredFrames, int referenceInde
         lastShifts.resize(registeredFrames);
     }
     frameShifts.assign(registeredFrames, cv::Point_<float>(0.0f, 0.0f));
+    frameStarts.resize(registeredFrames);
+    // The whole-pixel starts of the frames up to the first one whose corners are all
+    // lost; then the sub-pixel steps of those frames, which are independent of each
+    // other and may share the threads.
+    trackedFrames.clear();
+    int result = 0;
+    for (int k = 0; k < registeredFrames && result == 0; ++k) {
+        if (k != referenceIndex) {
+            result = registerWithCorners(referenceIndex, k, frameStarts[k]);
+            if (result == 0) {
+                trackedFrames.push_back(k);
+            }
+        }
+    }
     const float* reference = preparedFrames[referenceIndex].ptr<float>();
-    for (int k = 0; k < registeredFrames; ++k) {
-        if (k == referenceIndex) {
-            continue;
-        }
-        cv::Point_<int> start;
-        const int result = registerWithCorners(referenceIndex, k, start);
-        if (result != 0) {
-            return result;
-        }
-        frameShifts[k] = opticalFlow(reference, preparedFrames[k].ptr<float>(), start, masks[k]);
+    forEachFrame(trackedFrames, [&](int k, int worker) {
+        frameShifts[k] = opticalFlow(reference, preparedFrames[k].ptr<float>(), frameStarts[k],
+                                     masks[k], worker);
+    });
+    if (result != 0) {
+        return result;
     }
     std::copy(frameShifts.begin(), frameShifts.end(), shifts);
     std::copy(frameShifts.begin(), frameShifts.end(), lastShifts.begin());

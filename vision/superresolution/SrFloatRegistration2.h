@@ -80,6 +80,8 @@ private:
     std::vector<float> displacementsX;
     std::vector<float> displacementsY;
     std::vector<cv::Point_<float>> frameShifts;
+    std::vector<cv::Point_<int>> frameStarts;
+    std::vector<int> trackedFrames;
 };
 
 }  // namespace kelvo::vision
