@@ -19,6 +19,8 @@ using kelvo::interface::SuperResolutionEngine;
 
 constexpr int framesPerResult = kelvo::interface::contextWindowSize;
 constexpr float magnification = kelvo::interface::contextFactor;
+
+// What the pass returns instead of its factor estimate.
 constexpr float engineStatusBadPixels = -2.0f;
 constexpr float engineStatusMaskHalfEmpty = -3.0f;
 constexpr float engineStatusTooLargeDisplacement = -6.0f;

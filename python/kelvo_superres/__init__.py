@@ -12,6 +12,7 @@ twice as wide and twice as high::
 
 `SuperResolver` takes frames one by one as a camera delivers them; `sequence` runs a sliding
 window over a recording; `find_bad_pixels` and `repair_bad_pixels` work on 16-bit raw images;
+`RadianceCalibration` lets the reference engine turn raw counts into radiance;
 `kelvo_superres.dask` spreads many recordings over a Dask cluster.
 
 Engines release the GIL while they work, so resolvers on separate threads run in parallel.
@@ -20,13 +21,15 @@ the C interface's return code for the failure; unusable arguments raise TypeErro
 ValueError before anything reaches the library.
 """
 
-from ._core import Error, read_frame, upscale_bicubic
-from ._resolver import FRAMES_PER_RESULT, Result, Status, SuperResolver, sequence, super_resolve
+from ._core import Error, __version__, read_frame, upscale_bicubic
+from ._resolver import (FRAMES_PER_RESULT, RadianceCalibration, Result, Status, SuperResolver,
+                        sequence, super_resolve)
 from ._badpixels import find_bad_pixels, repair_bad_pixels
 
 __all__ = [
     "Error",
     "FRAMES_PER_RESULT",
+    "RadianceCalibration",
     "Result",
     "Status",
     "SuperResolver",

@@ -14,9 +14,6 @@ from . import _core
 FRAMES_PER_RESULT = 5
 ENGINES = ("float", "phase", "reference", "lanes")
 VALUES = ("temperature", "counts")
-# Engines the library offers, by the name this module gives them; the rest are announced in
-# ENGINES but not built into this version.
-_AVAILABLE_ENGINES = {"float": "float", "phase": "phase"}
 
 
 class Status(enum.IntEnum):
@@ -60,6 +57,43 @@ class Result:
     index: int
 
 
+def _counts(name, counts):
+    counts = np.asarray(counts)
+    if counts.dtype.kind not in "iu":
+        raise TypeError(f"{name} must hold integer sensor counts, not {counts.dtype}")
+    if counts.size and (counts.min() < -32768 or counts.max() > 32767):
+        raise ValueError(f"{name} hold values beyond the signed 16-bit counts the engine takes")
+    return counts.astype(np.int16, copy=False)
+
+
+def _radiance(name, radiance):
+    radiance = np.asarray(radiance)
+    if radiance.dtype.kind not in "fiu":
+        raise TypeError(f"{name} must hold real numbers, not {radiance.dtype}")
+    return radiance
+
+
+class RadianceCalibration:
+    """Two calibration points per pixel, for the reference engine's radiance from raw counts.
+
+    Each pixel read counts_a while looking at radiance radiance_a, and counts_b at radiance_b;
+    between them radiance is a straight line in the counts. The engine repairs pixels whose
+    line is unusable (equal counts, or a gain or offset beyond +-1000) from their neighbours.
+    All four are (rows, columns) arrays: counts of an integer dtype within signed 16 bits,
+    radiance of any real dtype.
+    """
+
+    def __init__(self, counts_a, radiance_a, counts_b, radiance_b):
+        self.counts_a = _counts("counts_a", counts_a)
+        self.radiance_a = _radiance("radiance_a", radiance_a)
+        self.counts_b = _counts("counts_b", counts_b)
+        self.radiance_b = _radiance("radiance_b", radiance_b)
+        shapes = {np.shape(image) for image in (self.counts_a, self.radiance_a, self.counts_b,
+                                                self.radiance_b)}
+        if len(shapes) != 1:
+            raise ValueError(f"the calibration images differ in shape: {sorted(shapes)}")
+
+
 def _integer(name, value):
     try:
         return operator.index(value)
@@ -97,15 +131,20 @@ class SuperResolver:
         unsigned 16-bit counts.
     bad_pixels: (x, y) positions, or a table from find_bad_pixels, of pixels known to be
         defective in every frame; they are repaired like any other defect.
-    engine: "float" (tracked corners, the C interface's engine) or "phase" (phase
-        correlation); "reference" and "lanes" are not part of this version yet.
+    engine: "float" (tracked corners, the C interface's engine), "phase" (phase correlation),
+        "reference" (the slow, literal engine whose float results are the same on every build;
+        it alone takes a calibration) or "lanes" (the four-lane vector engine: the float
+        engine's results on finite frames, without a bad-pixel stage, so without values,
+        valid_range or bad_pixels, and refusing NaN or infinite pixels).
+    calibration: a RadianceCalibration, with which the reference engine takes raw counts in
+        process_counts.
     threads: threads per pass; this version runs each pass on one.
     timings: print the engine's timing lines (one block per pass) on standard output.
     """
 
     def __init__(self, width, height, *, camera=None, psf_sigma=None, reference=3,
                  values="temperature", valid_range=None, bad_pixels=None, engine="float",
-                 threads=1, timings=False):
+                 threads=1, timings=False, calibration=None):
         width = _integer("width", width)
         height = _integer("height", height)
         if camera is not None and psf_sigma is not None:
@@ -121,8 +160,12 @@ class SuperResolver:
             raise ValueError(f"values must be one of {VALUES}, not {values!r}")
         if engine not in ENGINES:
             raise ValueError(f"engine must be one of {ENGINES}, not {engine!r}")
-        if engine not in _AVAILABLE_ENGINES:
-            raise NotImplementedError(f"the {engine!r} engine is not part of this version")
+        if calibration is not None:
+            if not isinstance(calibration, RadianceCalibration):
+                raise TypeError("calibration must be a RadianceCalibration, not "
+                                f"{type(calibration).__name__}")
+            if engine != "reference":
+                raise ValueError("a calibration needs engine='reference'")
         threads = _integer("threads", threads)
         if threads < 1:
             raise ValueError(f"threads must be at least 1, not {threads}")
@@ -133,11 +176,47 @@ class SuperResolver:
             if np.shape(valid_range) != (2,):
                 raise ValueError(f"valid_range must be (minimum, maximum), not {valid_range!r}")
             valid_range = tuple(float(end) for end in valid_range)
-        self._engine = _core._Resolver(width, height, _AVAILABLE_ENGINES[engine],
+        self._engine = _core._Resolver(width, height, engine,
                                        values == "counts", valid_range,
                                        _integer("reference", reference), float(psf_sigma),
                                        _bad_pixel_positions(bad_pixels), bool(timings))
         self.psf_sigma = float(psf_sigma)
+        self._calibrated = calibration is not None
+        if calibration is not None:
+            self._engine.set_calibration(calibration.counts_a, calibration.radiance_a,
+                                         calibration.counts_b, calibration.radiance_b)
+
+    def process_counts(self, counts) -> Status:
+        """Turns a frame of raw counts into radiance with the calibration and adds it; from the
+        fifth frame on also runs a pass. Returns the pass's Status (TOO_FEW_FRAMES before the
+        fifth frame). Needs engine='reference' and a calibration.
+        """
+        if not self._calibrated:
+            raise ValueError("process_counts needs SuperResolver(..., engine='reference', "
+                             "calibration=RadianceCalibration(...))")
+        self._engine.process_counts(_counts("counts", counts))
+        return self.status
+
+    @property
+    def radiance(self) -> np.ndarray:
+        """The radiance of the last frame given to process_counts (float32)."""
+        return self._engine.calibration_maps()[2]
+
+    @property
+    def gain(self) -> np.ndarray:
+        """Per-pixel gain of the calibration, after the engine's repairs."""
+        return self._engine.calibration_maps()[0]
+
+    @property
+    def offset(self) -> np.ndarray:
+        """Per-pixel offset of the calibration, after the engine's repairs."""
+        return self._engine.calibration_maps()[1]
+
+    @property
+    def quality(self) -> np.ndarray:
+        """3 x 3 map of how the last pass's sub-pixel shifts cover the doubled grid (reference
+        engine): all weight in the centre means the frames added no detail."""
+        return self._engine.calibration_maps()[3]
 
     @property
     def width(self) -> int:
@@ -167,7 +246,7 @@ class SuperResolver:
 
     @property
     def result(self) -> Optional[np.ndarray]:
-        """A new float32 array with the last pass's image, or None before the fifth frame."""
+        """A new float32 array with the last pass's image, or None before the first pass."""
         return self._engine.result()
 
     @property

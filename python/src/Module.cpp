@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "interface/SuperResolutionContext.h"
+#include "interface/SuperResolutionExtensions.h"
 #include "python/src/Resolver.h"
 #include "tools/kelvo-sr/FrameReader.h"
 #include "tools/simulator/ImageQuality.h"
@@ -18,12 +19,32 @@ namespace kelvo::python {
 namespace {
 
 using FloatFrame = py::array_t<float, py::array::c_style | py::array::forcecast>;
+using ShortFrame = py::array_t<short, py::array::c_style | py::array::forcecast>;
 using Table = cv::Mat_<unsigned short>;
 
 std::string shapeText(const py::array& array) {
     return py::str(py::tuple(py::cast(
                        std::vector<py::ssize_t>(array.shape(), array.shape() + array.ndim()))))
         .cast<std::string>();
+}
+
+void checkShape(const py::array& array, int width, int height) {
+    if (array.ndim() != 2) {
+        throw py::value_error("a frame must be a 2-D array (rows, columns), not one of shape " +
+                              shapeText(array));
+    }
+    if (array.shape(0) != height || array.shape(1) != width) {
+        throw py::value_error("the frame has shape " + shapeText(array) +
+                              " but the resolver takes frames of shape (" + std::to_string(height) +
+                              ", " + std::to_string(width) + ")");
+    }
+}
+
+// A view of a checked array, for the engine to copy from.
+template <class Value>
+cv::Mat_<Value> matOf(const py::array_t<Value, py::array::c_style | py::array::forcecast>& image) {
+    return cv::Mat_<Value>(static_cast<int>(image.shape(0)), static_cast<int>(image.shape(1)),
+                           const_cast<Value*>(image.data()));
 }
 
 // Any real array of the frame's size, as float32 rows without gaps: float32 as it is,
@@ -39,15 +60,7 @@ FloatFrame asFrame(py::handle object, int width, int height) {
         throw py::type_error("frames must hold real numbers (a float or integer dtype), not " +
                              py::str(array.dtype()).cast<std::string>());
     }
-    if (array.ndim() != 2) {
-        throw py::value_error("a frame must be a 2-D array (rows, columns), not one of shape " +
-                              shapeText(array));
-    }
-    if (array.shape(0) != height || array.shape(1) != width) {
-        throw py::value_error("the frame has shape " + shapeText(array) +
-                              " but the resolver takes frames of shape (" + std::to_string(height) +
-                              ", " + std::to_string(width) + ")");
-    }
+    checkShape(array, width, height);
     return FloatFrame::ensure(array);
 }
 
@@ -126,6 +139,33 @@ void bindResolver(py::module_& module) {
                 return resolver.add(pixels.data());
             },
             py::arg("frame"))
+        .def(
+            "process_counts",
+            [](Resolver& resolver, const ShortFrame& counts) {
+                checkShape(counts, resolver.width(), resolver.height());
+                py::gil_scoped_release released;
+                return resolver.processCounts(counts.data());
+            },
+            py::arg("counts"))
+        .def(
+            "set_calibration",
+            [](Resolver& resolver, const ShortFrame& countsA, const FloatFrame& radianceA,
+               const ShortFrame& countsB, const FloatFrame& radianceB) {
+                for (const py::array& image : {py::array(countsA), py::array(radianceA),
+                                               py::array(countsB), py::array(radianceB)}) {
+                    checkShape(image, resolver.width(), resolver.height());
+                }
+                resolver.setCalibration(matOf(countsA), matOf(radianceA), matOf(countsB),
+                                        matOf(radianceB));
+            },
+            py::arg("counts_a"), py::arg("radiance_a"), py::arg("counts_b"), py::arg("radiance_b"))
+        .def("calibration_maps",
+             [](const Resolver& resolver) {
+                 cv::Mat_<float> gain, offset, radiance, quality;
+                 resolver.copyCalibrationMaps(gain, offset, radiance, quality);
+                 return py::make_tuple(arrayCopyOf(gain), arrayCopyOf(offset),
+                                       arrayCopyOf(radiance), arrayCopyOf(quality));
+             })
         .def_property_readonly("width", &Resolver::width)
         .def_property_readonly("height", &Resolver::height)
         .def_property_readonly("output_shape",
@@ -243,6 +283,9 @@ void bindModule(py::module_& module) {
             PyErr_SetObject(error.ptr(), instance.ptr());
         }
     });
+    char version[32] = {};
+    SuperResolution_getVersionText(version, sizeof version);
+    module.attr("__version__") = std::string(version);
     module.def("_psf_sigma_of_camera", &interface::psfSigmaOfCameraAndLensType,
                py::arg("camera_and_lens_type"));
     module.def(
@@ -252,10 +295,7 @@ void bindModule(py::module_& module) {
                 throw py::value_error("a frame must be a non-empty 2-D array, not one of shape " +
                                       shapeText(frame));
             }
-            const cv::Mat_<float> view(static_cast<int>(frame.shape(0)),
-                                       static_cast<int>(frame.shape(1)),
-                                       const_cast<float*>(frame.data()));
-            return arrayCopyOf(tools::ImageQuality::upscaleBicubic(view));
+            return arrayCopyOf(tools::ImageQuality::upscaleBicubic(matOf(frame)));
         },
         py::arg("frame"),
         "Bicubic upscaling by 2 onto the grid of the super-resolved image, for comparisons.");

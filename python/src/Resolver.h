@@ -10,7 +10,6 @@
 
 #include "vision/superresolution/KnownBadPixels.h"
 #include "vision/superresolution/SuperResolutionBadPixelHandling.h"
-#include "vision/superresolution/TimingSink.h"
 
 namespace kelvo::python {
 
@@ -31,8 +30,17 @@ public:
     virtual void getCompleteShifts(std::vector<cv::Point_<float>>& out) const = 0;
     virtual void getMasks(std::vector<cv::Mat_<unsigned char>>& out) const = 0;
     virtual float getMinStructureThreshold() const = 0;
-    virtual vision::TimingSink& getTimingSink() = 0;
+    // False for an engine without a bad-pixel stage, which takes finite frames only.
+    virtual bool repairsDefects() const = 0;
     virtual int getStoredFrames() const = 0;
+    // Radiance from raw counts, for engines calibrated with two points per pixel; the others
+    // throw.
+    virtual void setCalibration(const cv::Mat_<short>& countsA, const cv::Mat_<float>& radianceA,
+                                const cv::Mat_<short>& countsB, const cv::Mat_<float>& radianceB);
+    // Without a pass, the radiance only joins the window and the result is kNoPassYet.
+    virtual float processCounts(const short* counts, float* out, bool pass);
+    virtual void getCalibrationMaps(cv::Mat_<float>& gain, cv::Mat_<float>& offset,
+                                    cv::Mat_<float>& radiance, cv::Mat_<float>& quality) const;
 };
 
 struct ResolverOptions {
@@ -66,6 +74,17 @@ public:
     // pass.
     int add(const float* frame);
 
+    // Reference engine with a calibration only: converts a frame of raw counts to radiance
+    // and adds it; from the fifth frame on also runs a pass, all in the engine's own
+    // processFrame2. Returns the pass's result (factor estimate or negative status).
+    float processCounts(const short* counts);
+    void setCalibration(const cv::Mat_<short>& countsA, const cv::Mat_<float>& radianceA,
+                        const cv::Mat_<short>& countsB, const cv::Mat_<float>& radianceB);
+    // Per-pixel gain and offset, the last frame's radiance, and the 3 x 3 map of how the last
+    // pass's sub-pixel shifts cover the doubled grid.
+    void copyCalibrationMaps(cv::Mat_<float>& gain, cv::Mat_<float>& offset,
+                             cv::Mat_<float>& radiance, cv::Mat_<float>& quality) const;
+
     int width() const { return frameSize.width; }
     int height() const { return frameSize.height; }
     int outputWidth() const { return 2 * frameSize.width; }
@@ -89,6 +108,7 @@ private:
     cv::Mat_<float> screened;
     std::vector<float> result;
     float lastPass = kNoPassYet;
+    bool passRan = false;
     int added = 0;
     mutable std::mutex busy;
 };

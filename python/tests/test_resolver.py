@@ -39,6 +39,10 @@ def test_same_bytes_as_the_c_interface_and_the_tool(real_burst, tmp_path):
     c_statuses, c_result = c_interface_run(real_burst)
     assert statuses == c_statuses
     assert resolver.result.tobytes() == c_result.tobytes()
+    library = ctypes.CDLL(os.environ["KELVO_LIBRARY"])
+    version = ctypes.create_string_buffer(32)
+    assert library.SuperResolution_getVersionText(version, 32) == 0
+    assert ksr.__version__ == version.value.decode()
     assert resolver.status == ksr.Status.OK and 1.0 <= resolver.factor <= 2.0
     assert resolver.shifts.shape == (5, 2) and not resolver.shifts[1].any()  # reference frame
     assert resolver.masks.shape == (5, 512, 640) and resolver.masks[1].all()
@@ -88,6 +92,18 @@ def test_every_real_dtype_and_layout_gives_the_float32_result(small_burst):
                   [np.asfortranarray(frame) for frame in small_burst], integers,
                   integers.astype(np.uint8), np.repeat(small_burst, 2, axis=2)[:, :, ::2]):
         assert ksr.super_resolve(burst).image.tobytes() == expected
+
+
+def test_the_four_lane_engine_gives_the_float_engine_bytes_on_finite_frames(small_burst):
+    lanes = ksr.super_resolve(small_burst, engine="lanes")
+    assert lanes.image.tobytes() == ksr.super_resolve(small_burst).image.tobytes()
+    assert lanes.masks.dtype == bool and lanes.masks[1].all()
+    resolver = ksr.SuperResolver(96, 80, engine="lanes")
+    spotted = small_burst[0].copy()
+    spotted[3, 4] = np.inf
+    with pytest.raises(ksr.Error, match="^The four-lane engine takes finite pixels only"):
+        resolver.add(spotted)
+    assert resolver.frames_added == 0
 
 
 def test_sequence_yields_every_window(small_burst):
@@ -147,7 +163,9 @@ def test_a_frame_the_library_cannot_repair_is_not_added(small_burst):
     (dict(camera=625), TypeError, "camera must be a text"),
     (dict(values="kelvin"), ValueError, "values must be one of"),
     (dict(engine="fast"), ValueError, "engine must be one of"),
-    (dict(engine="lanes"), NotImplementedError, "'lanes' engine"),
+    (dict(threads=2), NotImplementedError, "one thread"),
+    (dict(engine="lanes", bad_pixels=[(1, 2)]), ksr.Error, "^The four-lane engine has no bad-pixel stage"),
+    (dict(engine="lanes", values="counts"), ksr.Error, "no bad-pixel stage"),
     (dict(threads=0), ValueError, "threads must be at least 1"),
     (dict(bad_pixels=[(0, 0), (96, 0)]), ksr.Error, r"^Defective pixel 1 at \(96, 0\) lies outside the 96 x 80 frame.$"),
     (dict(valid_range=(5, 5)), ksr.Error, "^Invalid range of valid values specified.$"),

@@ -16,7 +16,6 @@ namespace kelvo::tools {
 namespace {
 
 constexpr std::size_t kBurstFrames = 5;
-constexpr int kRegistrationFailed = -998;
 constexpr int kTooLargeDisplacement = -6;
 
 // Window position of the reference frame among the frames given, oldest first.
@@ -95,8 +94,7 @@ int runBurst(const BurstCommandOptions& options) {
     }
     int lastStatus = 0;
     for (std::size_t i = first; i < frames.size(); ++i) {
-        warnOutsideRange(options.frames[i], frames[i], values);
-        const int status = resolver->addFrame(frames[i]);
+        const int status = addNamedFrame(*resolver, options.frames[i], frames[i]);
         if (status != 0 && status != SR_MASK_HALF_EMPTY) {
             std::cerr << "warning: " << options.frames[i] << ": " << SuperResolver::describe(status)
                       << std::endl;

@@ -162,7 +162,12 @@ int SuperResolution::loadFrame(const T* frame) {
         ++storedFrames;
     }
     float* newest = frames[storedFrames - 1];
-    std::copy(frame, frame + inputSize, newest);
+    if constexpr (std::is_same_v<T, float>) {
+        const float* marked = knownBadPixels.marked(frame);
+        std::copy(marked, marked + inputSize, newest);
+    } else {
+        std::copy(frame, frame + inputSize, newest);
+    }
 
     int badPixelResult = 0;
     if constexpr (std::is_same_v<T, float>) {
