@@ -98,7 +98,7 @@ std::vector<cv::Point> chooseDefectivePixels(const std::string& option,
     return found;
 }
 
-int addNamedFrame(SuperResolver& resolver, const std::string& frameName,
+int addNamedFrame(FrameEngine& resolver, const std::string& frameName,
                   const cv::Mat_<float>& frame) {
     warnOutsideRange(frameName, frame, resolver.values());
     try {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/FrameReader.h"
 #include "tools/kelvo-sr/SuperResolver.h"
 
@@ -28,7 +29,7 @@ void warnOutsideRange(const std::string& frameName, const cv::Mat_<float>& frame
 
 // Warns like warnOutsideRange and adds the frame; returns the status code. A failure throws
 // std::runtime_error naming the frame.
-int addNamedFrame(SuperResolver& resolver, const std::string& frameName,
+int addNamedFrame(FrameEngine& resolver, const std::string& frameName,
                   const cv::Mat_<float>& frame);
 
 // The known defective pixels the --bad-pixels option names for these frames: none, those of a
