@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "tools/kelvo-sr/DefectSearch.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 
 namespace kelvo::tools {
 
@@ -98,7 +99,7 @@ std::vector<cv::Point> chooseDefectivePixels(const std::string& option,
     return found;
 }
 
-int addNamedFrame(SuperResolver& resolver, const std::string& frameName,
+int addNamedFrame(FrameEngine& resolver, const std::string& frameName,
                   const cv::Mat_<float>& frame) {
     warnOutsideRange(frameName, frame, resolver.values());
     try {

@@ -11,6 +11,8 @@
 
 namespace kelvo::tools {
 
+class FrameEngine;
+
 // The raw format the options describe, or null when neither --size nor --type was
 // given; throws std::runtime_error when only one of them is, or the size is malformed.
 std::unique_ptr<RawFormat> rawFormatFromOptions(const std::string& size, const std::string& type);
@@ -28,7 +30,7 @@ void warnOutsideRange(const std::string& frameName, const cv::Mat_<float>& frame
 
 // Warns like warnOutsideRange and adds the frame; returns the status code. A failure throws
 // std::runtime_error naming the frame.
-int addNamedFrame(SuperResolver& resolver, const std::string& frameName,
+int addNamedFrame(FrameEngine& resolver, const std::string& frameName,
                   const cv::Mat_<float>& frame);
 
 // The known defective pixels the --bad-pixels option names for these frames: none, those of a
