@@ -6,7 +6,6 @@
 #include <stdexcept>
 
 #include "tools/kelvo-sr/DefectSearch.h"
-#include "tools/kelvo-sr/EngineChoice.h"
 
 namespace kelvo::tools {
 
