@@ -1,0 +1,328 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vision/superresolution/PsfSigmaEstimator.h"
+
+#include <array>
+#include <cmath>
+#include <limits>
+#include <opencv2/imgproc.hpp>
+#include <stdexcept>
+
+#include "vision/superresolution/SrFloatMinimization.h"
+#include "vision/superresolution/SrFloatRegistration2.h"
+
+namespace kelvo::vision {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+// Radial bands of the separated spectrum, over |f| in [kLowest, 0.5] cycles per
+// high-resolution pixel; the lowest frequencies say more about the window than the PSF.
+constexpr int kBands = 24;
+constexpr double kLowest = 0.03;
+// A band takes part in the fit when its power is at least this many times the noise
+// share taken off it.
+constexpr double kSignalToNoise = 2.0;
+// Components near half a cycle per pixel are the aliases of the strongest, lowest
+// frequencies, into which the smallest registration error leaks their power.
+constexpr double kHighest = 0.4;
+// Alias separation is skipped where the shifts make it ill-conditioned: where it
+// would multiply the noise power of a component by more than this (four frames at
+// ideal shifts give 1/2 for each component, 2 for the trace taken).
+constexpr double kMaxNoiseGain = 40.0;
+
+// The crop of the reference with the most gradient energy: the PSF shows itself at
+// edges, not in flat areas.
+cv::Rect mostTexturedCrop(const cv::Mat_<float>& reference, cv::Size crop) {
+    crop.width = std::min(crop.width, reference.cols);
+    crop.height = std::min(crop.height, reference.rows);
+    cv::Mat_<float> gx, gy;
+    cv::Sobel(reference, gx, CV_32F, 1, 0);
+    cv::Sobel(reference, gy, CV_32F, 0, 1);
+    cv::Mat_<double> integral;
+    cv::integral(gx.mul(gx) + gy.mul(gy), integral, CV_64F);
+    // Candidate crops on a half-crop grid, the last one flush with each edge.
+    auto starts = [](int length, int size) {
+        std::vector<int> positions;
+        for (int p = 0; p + size < length; p += std::max(1, size / 2)) {
+            positions.push_back(p);
+        }
+        positions.push_back(length - size);
+        return positions;
+    };
+    cv::Rect best(0, 0, crop.width, crop.height);
+    double bestEnergy = -1.0;
+    for (int y : starts(reference.rows, crop.height)) {
+        for (int x : starts(reference.cols, crop.width)) {
+            const double energy = integral(y + crop.height, x + crop.width) -
+                                  integral(y, x + crop.width) - integral(y + crop.height, x) +
+                                  integral(y, x);
+            if (energy > bestEnergy) {
+                bestEnergy = energy;
+                best = cv::Rect(x, y, crop.width, crop.height);
+            }
+        }
+    }
+    return best;
+}
+
+// Frequency of DFT index i of n, in cycles per sample, in [-1/2, 1/2).
+double signedFrequency(int i, int n) {
+    return (2 * i < n ? i : i - n) / static_cast<double>(n);
+}
+
+// The two high-resolution frequencies that a frame frequency phi folds together.
+std::array<double, 2> aliases(double phi) {
+    return {phi / 2.0, phi < 0.0 ? phi / 2.0 + 0.5 : phi / 2.0 - 0.5};
+}
+
+// |H(f)|^2 of the reconstruction's centred kernel for one direction.
+double kernelPower(const std::vector<float>& taps, double f) {
+    double re = 0.0, im = 0.0;
+    for (std::size_t j = 0; j < taps.size(); ++j) {
+        re += taps[j] * std::cos(2.0 * kPi * f * static_cast<double>(j));
+        im -= taps[j] * std::sin(2.0 * kPi * f * static_cast<double>(j));
+    }
+    return re * re + im * im;
+}
+
+// One separated component: indices into the tables of horizontal and vertical
+// frequencies, and its radial band.
+struct Sample {
+    int x, y, band;
+};
+
+}  // namespace
+
+float PsfSigmaEstimator::estimate(const std::vector<cv::Mat_<float>>& frames,
+                                  int referencePosition) {
+    const int count = static_cast<int>(frames.size());
+    if (count < 4 || referencePosition < 0 || referencePosition >= count) {
+        throw std::invalid_argument(
+            "The PSF sigma needs at least four frames and a reference among them.");
+    }
+    const cv::Size size = frames.front().size();
+    for (const auto& frame : frames) {
+        if (frame.empty() || frame.size() != size || !cv::checkRange(frame)) {
+            throw std::invalid_argument(
+                "The PSF sigma needs non-empty frames of one size with finite values.");
+        }
+    }
+    SrFloatRegistration2 registration(size.width, size.height, count);
+    registration.setRegError(settings.regError);
+    std::vector<cv::Mat_<float>> contiguous(count), registered(count);
+    std::vector<cv::Mat_<signed char>> masks(count);
+    std::vector<const float*> framePointers(count);
+    std::vector<float*> registeredPointers(count);
+    std::vector<char*> maskPointers(count);
+    for (int k = 0; k < count; ++k) {
+        contiguous[k] = frames[k].isContinuous() ? frames[k] : frames[k].clone();
+        framePointers[k] = contiguous[k].ptr<float>();
+        registration.prepareFrame(framePointers[k]);
+        registered[k].create(size);
+        masks[k].create(size);
+        registeredPointers[k] = registered[k].ptr<float>();
+        maskPointers[k] = reinterpret_cast<char*>(masks[k].ptr<signed char>());
+    }
+    std::vector<cv::Point2f> shifts(count);
+    if (registration.doRegistration(count, referencePosition, framePointers.data(), shifts.data(),
+                                    maskPointers.data(), registeredPointers.data()) < 0) {
+        throw std::runtime_error("The frames could not be registered to estimate the PSF sigma.");
+    }
+    // Whole-pixel moves leave zeros (and pixels carried over from the next row) at the
+    // edges: only the part every frame covers takes part.
+    std::vector<cv::Point2f> complete;
+    registration.getCompleteShifts(complete);
+    float largest = 0.0f;
+    for (const auto& shift : complete) {
+        largest = std::max({largest, std::abs(shift.x), std::abs(shift.y)});
+    }
+    const int margin = static_cast<int>(std::ceil(largest)) + 1;
+    const cv::Rect inside =
+        cv::Rect(margin, margin, size.width - 2 * margin, size.height - 2 * margin) &
+        cv::Rect(cv::Point(), size);
+    if (inside.width < 16 || inside.height < 16) {
+        throw std::runtime_error("The frames overlap too little to estimate the PSF sigma.");
+    }
+    for (auto& frame : registered) {
+        frame = frame(inside);
+    }
+    return estimateRegistered(registered, shifts, referencePosition);
+}
+
+float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& registered,
+                                            const std::vector<cv::Point2f>& subPixelShifts,
+                                            int referencePosition) {
+    const int count = static_cast<int>(registered.size());
+    if (count < 4 || subPixelShifts.size() != registered.size() || referencePosition < 0 ||
+        referencePosition >= count) {
+        throw std::invalid_argument(
+            "The PSF sigma needs at least four frames with a shift each and a reference.");
+    }
+    const cv::Rect crop = mostTexturedCrop(registered[referencePosition], settings.crop);
+
+    // Spectra of the windowed crops (mean removed, so the window's own spectrum does not
+    // swamp the low frequencies).
+    cv::Mat_<double> window;
+    cv::createHanningWindow(window, crop.size(), CV_64F);
+    std::vector<cv::Mat> spectra(count);
+    for (int k = 0; k < count; ++k) {
+        cv::Mat_<double> frame;
+        registered[k](crop).convertTo(frame, CV_64F);
+        frame -= cv::mean(frame)[0];
+        cv::dft(frame.mul(window), spectra[k], cv::DFT_COMPLEX_OUTPUT);
+    }
+
+    // Alias separation at every crop frequency: Y = V Z in real form, by least squares.
+    const int rows = 2 * count;
+    cv::Mat_<double> a(rows, 8), b(rows, 1), normal, inverse, z;
+    std::vector<Sample> samples;
+    std::vector<double> horizontal(2 * crop.width), vertical(2 * crop.height);
+    for (int u = 0; u < crop.width; ++u) {
+        const auto f = aliases(signedFrequency(u, crop.width));
+        horizontal[2 * u] = f[0];
+        horizontal[2 * u + 1] = f[1];
+    }
+    for (int v = 0; v < crop.height; ++v) {
+        const auto f = aliases(signedFrequency(v, crop.height));
+        vertical[2 * v] = f[0];
+        vertical[2 * v + 1] = f[1];
+    }
+    std::vector<double> power, noiseFactor;
+    double residualSum = 0.0;
+    int solved = 0;
+    for (int v = 0; v < crop.height; ++v) {
+        const auto fy = aliases(signedFrequency(v, crop.height));
+        for (int u = 0; u < crop.width; ++u) {
+            const auto fx = aliases(signedFrequency(u, crop.width));
+            for (int k = 0; k < count; ++k) {
+                const cv::Vec2d y = spectra[k].at<cv::Vec2d>(v, u);
+                b(k, 0) = y[0];
+                b(k + count, 0) = y[1];
+                for (int j = 0; j < 4; ++j) {
+                    const double phase =
+                        -4.0 * kPi *
+                        (fx[j % 2] * subPixelShifts[k].x + fy[j / 2] * subPixelShifts[k].y);
+                    const double re = std::cos(phase), im = std::sin(phase);
+                    a(k, j) = re;
+                    a(k, j + 4) = -im;
+                    a(k + count, j) = im;
+                    a(k + count, j + 4) = re;
+                }
+            }
+            cv::mulTransposed(a, normal, true);
+            if (cv::invert(normal, inverse, cv::DECOMP_CHOLESKY) == 0.0 ||
+                inverse(0, 0) + inverse(1, 1) + inverse(2, 2) + inverse(3, 3) > kMaxNoiseGain) {
+                continue;
+            }
+            z = inverse * (a.t() * b);
+            residualSum += cv::norm(b - a * z, cv::NORM_L2SQR);
+            ++solved;
+            for (int j = 0; j < 4; ++j) {
+                const double f = std::hypot(fx[j % 2], fy[j / 2]);
+                const int band = static_cast<int>((f - kLowest) / (0.5 - kLowest) * kBands);
+                if (f < kLowest || band >= kBands || std::abs(fx[j % 2]) > kHighest ||
+                    std::abs(fy[j / 2]) > kHighest) {
+                    continue;
+                }
+                samples.push_back({2 * u + j % 2, 2 * v + j / 2, band});
+                power.push_back(z(j, 0) * z(j, 0) + z(j + 4, 0) * z(j + 4, 0));
+                noiseFactor.push_back(inverse(j, j) + inverse(j + 4, j + 4));
+            }
+        }
+    }
+    // Noise variance of one real component, from the residual's 2N - 8 degrees of
+    // freedom per frequency (none with four frames: the noise then stays in).
+    const double noiseVariance =
+        count > 4 && solved > 0 ? residualSum / (static_cast<double>(solved) * (rows - 8)) : 0.0;
+
+    std::vector<double> bandPower(kBands, 0.0), bandNoise(kBands, 0.0), bandFrequency(kBands, 0.0);
+    std::vector<int> bandCount(kBands, 0);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        const int band = samples[i].band;
+        bandPower[band] += power[i];
+        bandNoise[band] += noiseVariance * noiseFactor[i];
+        bandFrequency[band] += std::hypot(horizontal[samples[i].x], vertical[samples[i].y]);
+        ++bandCount[band];
+    }
+    spectrum.clear();
+    std::vector<int> usedBands(kBands, -1);
+    std::vector<double> usedCount;
+    for (int band = 0; band < kBands; ++band) {
+        if (bandCount[band] < 8) {
+            continue;
+        }
+        const double n = bandCount[band];
+        const Band entry{bandFrequency[band] / n, (bandPower[band] - bandNoise[band]) / n,
+                         bandNoise[band] / n};
+        if (entry.power > kSignalToNoise * entry.noise && entry.power > 0.0) {
+            usedBands[band] = static_cast<int>(spectrum.size());
+            spectrum.push_back(entry);
+            usedCount.push_back(n);
+        }
+    }
+    if (spectrum.size() < 4) {
+        throw std::runtime_error("The frames show too little structure to estimate the PSF sigma.");
+    }
+
+    // For every candidate sigma: the kernel's mean power response per band, then the
+    // best line log P = log c - alpha log f + log |H|^2 by least squares.
+    SrFloatMinimization kernelSource(4, 4, 1, 2.0f);
+    float bestSigma = settings.minSigma;
+    bestFitError = std::numeric_limits<double>::infinity();
+    const int candidates = std::max(2, settings.candidates);
+    const double step =
+        std::log(settings.maxSigma / settings.minSigma) / static_cast<double>(candidates - 1);
+    std::vector<double> response(spectrum.size());
+    std::vector<double> horizontalResponse(horizontal.size()), verticalResponse(vertical.size());
+    for (int c = 0; c < candidates; ++c) {
+        const float sigma = static_cast<float>(settings.minSigma * std::exp(step * c));
+        kernelSource.setPsfSigma(sigma);
+        const std::vector<float> taps(kernelSource.getBasePsf(),
+                                      kernelSource.getBasePsf() + kernelSource.getPsfSize());
+        for (std::size_t i = 0; i < horizontal.size(); ++i) {
+            horizontalResponse[i] = kernelPower(taps, horizontal[i]);
+        }
+        for (std::size_t i = 0; i < vertical.size(); ++i) {
+            verticalResponse[i] = kernelPower(taps, vertical[i]);
+        }
+        std::fill(response.begin(), response.end(), 0.0);
+        for (const Sample& sample : samples) {
+            if (usedBands[sample.band] >= 0) {
+                response[usedBands[sample.band]] +=
+                    horizontalResponse[sample.x] * verticalResponse[sample.y];
+            }
+        }
+        // The scene's share: log P - log mean |H|^2 + (2 pi sigma0 f)^2 = log c - alpha log f,
+        // with alpha fitted or fixed, log c fitted.
+        double sx = 0.0, sy = 0.0, sxx = 0.0, sxy = 0.0;
+        const double n = static_cast<double>(spectrum.size());
+        std::vector<double> xs(spectrum.size()), ys(spectrum.size());
+        for (std::size_t i = 0; i < spectrum.size(); ++i) {
+            const double f = spectrum[i].frequency;
+            const double sceneBlur = 2.0 * kPi * settings.sceneSigma * f;
+            xs[i] = std::log(f);
+            ys[i] = std::log(spectrum[i].power) -
+                    std::log(std::max(response[i] / usedCount[i], 1e-300)) + sceneBlur * sceneBlur;
+            sx += xs[i];
+            sy += ys[i];
+            sxx += xs[i] * xs[i];
+            sxy += xs[i] * ys[i];
+        }
+        const double slope = settings.fitSceneSlope ? (n * sxy - sx * sy) / (n * sxx - sx * sx)
+                                                    : -settings.sceneSlope;
+        const double offset = (sy - slope * sx) / n;
+        double squared = 0.0;
+        for (std::size_t i = 0; i < spectrum.size(); ++i) {
+            const double miss = ys[i] - offset - slope * xs[i];
+            squared += miss * miss;
+        }
+        const double error = std::sqrt(squared / n);
+        if (error < bestFitError) {
+            bestFitError = error;
+            bestSigma = sigma;
+        }
+    }
+    return bestSigma;
+}
+
+}  // namespace kelvo::vision
