@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "interface/SuperResolutionContext.h"
-#include "platform/kelvo/exp/ImageIO.h"
+#include "interface/ContextTable.h"
 
 namespace {
 
@@ -23,19 +22,14 @@ constexpr int defaultReferenceIndex = 3;
 constexpr float defaultWeightTV = 400.0f;
 constexpr float defaultRegError = 0.0001f;
 constexpr float defaultRelativeResidue = 0.007f;
-constexpr int diagnosticWriterMode = 2;
-
 constexpr float engineStatusBadPixels = -2.0f;
 constexpr float engineStatusMaskHalfEmpty = -3.0f;
+constexpr float engineStatusTooLargeDisplacement = -6.0f;
 
-struct ContextRecord {
-    int width = 0;
-    int height = 0;
-    cv::Mat outputImage = cv::Mat(0, 0, CV_32F);
-    std::unique_ptr<SuperResolutionEngine> engine;  // null: the record is free
-    kelvo::exp::ImageIO diagnosticWriter{diagnosticWriterMode};
-    int imageCount = 0;
-};
+using kelvo::interface::ContextRecord;
+using kelvo::interface::liveRecord;
+using kelvo::interface::rejectInvalidContext;
+using kelvo::interface::setError;
 
 // Handles index this table. Released records stay in it for reuse, so it never shrinks.
 std::vector<ContextRecord>& contextTable() {
@@ -48,36 +42,27 @@ std::string& lastErrorMessage() {
     return message;
 }
 
-void setError(const std::string& message) {
-    lastErrorMessage() = message;
-}
-
-int rejectInvalidContext() {
-    setError("Context invalid.");
-    return SR_ERROR;
-}
-
-ContextRecord* liveRecord(int handle) {
-    std::vector<ContextRecord>& table = contextTable();
-    if (handle < 0 || handle >= static_cast<int>(table.size()) || !table[handle].engine) {
-        return nullptr;
-    }
-    return &table[handle];
-}
-
-// Runs one request against the engine, turning whatever it throws into SR_ERROR and a message.
 template <class Request>
 int guarded(Request request) {
-    try {
-        return request();
-    } catch (const cv::Exception& error) {
-        setError(std::string("cv::Exception: ") + error.what());
-    } catch (const std::exception& error) {
-        setError(error.what());
-    } catch (...) {
-        setError("Unknown exception in addImage()");
+    return kelvo::interface::guarded(request, "Unknown exception in addImage()", false);
+}
+
+// Runs the pass into the output image and keeps what it found for the host to read.
+float runPass(ContextRecord& record) {
+    record.lastPassFrames = record.engine->getStoredFrames();
+    record.lastPassReference = record.engine->getReferencePosition();
+    record.lastPassResult = static_cast<float>(SR_ERROR);  // what remains if the pass throws
+    record.lastPassResult = record.engine->computeSR(record.outputImage.ptr<float>());
+    // Where a cluster of known defects hides the scene in every frame, the result is filled in
+    // from around it rather than left at the marker value.
+    const bool resultWritten = record.lastPassResult > 0.0f ||
+                               record.lastPassResult == engineStatusMaskHalfEmpty ||
+                               record.lastPassResult == engineStatusTooLargeDisplacement;
+    if (!record.knownBadPixels.empty() && resultWritten) {
+        cv::Mat_<float> result = record.outputImage;
+        record.engine->getBadPixelHandling().fillRemainingMarkers(result);
     }
-    return SR_ERROR;
+    return record.lastPassResult;
 }
 
 // Camera models by the number in their type text, in the order they are searched for, with the
@@ -135,6 +120,23 @@ float psfSigmaOf(const CameraType& type) {
 
 namespace kelvo::interface {
 
+ContextRecord* liveRecord(int handle) {
+    std::vector<ContextRecord>& table = contextTable();
+    if (handle < 0 || handle >= static_cast<int>(table.size()) || !table[handle].engine) {
+        return nullptr;
+    }
+    return &table[handle];
+}
+
+void setError(const std::string& message) {
+    lastErrorMessage() = message;
+}
+
+int rejectInvalidContext() {
+    setError("Context invalid.");
+    return SR_ERROR;
+}
+
 SuperResolutionEngine* engineOf(int handle) {
     ContextRecord* record = liveRecord(handle);
     return record != nullptr ? record->engine.get() : nullptr;
@@ -176,6 +178,8 @@ int SuperResolution_init(int width, int height) {
         record.height = height;
         record.imageCount = 0;
         record.outputImage = outputImage;
+        record.knownBadPixels.clear();
+        record.lastPassFrames = -1;
         record.engine = std::move(engine);
         return static_cast<int>(freeRecord - table.begin());
     } catch (const std::exception& error) {
@@ -210,11 +214,10 @@ int SuperResolution_addImage(int handle, const float* image) {
             setError("  image has not enough structure");
             status = SR_LOW_STRUCTURE;
         }
-        const int frameStatus = record->engine->addFrame(image);
+        const int frameStatus = record->engine->addFrame(record->knownBadPixels.marked(image));
         ++record->imageCount;
         const bool passRan = record->imageCount >= framesPerResult;
-        const float passResult =
-            passRan ? record->engine->computeSR(record->outputImage.ptr<float>()) : 0.0f;
+        const float passResult = passRan ? runPass(*record) : 0.0f;
         // The pass's quality factor and its other findings are not the host's concern here.
         if ((passRan && passResult == engineStatusBadPixels) || frameStatus == SR_BAD_PIXELS) {
             status = SR_BAD_PIXELS;
@@ -256,7 +259,7 @@ int SuperResolution_queryOutputImageSize(int handle, int* width, int* height) {
         if (record->imageCount < framesPerResult) {
             setError("Not enough input images (<5)");
             status = SR_TOO_FEW_IMAGES;
-            record->engine->computeSR(record->outputImage.ptr<float>());
+            runPass(*record);
         }
         if (width != nullptr) {
             *width = record->outputImage.cols;
@@ -304,6 +307,7 @@ int SuperResolution_release(int handle) {
     }
     record->engine.reset();
     record->outputImage.release();
+    record->knownBadPixels.clear();
     record->width = 0;
     record->height = 0;
     if (record->diagnosticWriter.isOpen()) {

@@ -11,6 +11,7 @@
 
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/DefectSearch.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/simulator/ThermalPreview.h"
 #include "vision/superresolution/BadPixel.h"
@@ -20,14 +21,13 @@ namespace kelvo::tools {
 namespace {
 
 using kelvo::vision::BadPixel;
-using Table = cv::Mat_<unsigned short>;
+using Table = BadPixelTable;
 
 // The search works on signed 16-bit values: the search range, shifted to start at 0, must
 // fit them.
 constexpr int kWidestRange = 32767;
 // The replacement choice counts table rows in 16 bits.
 constexpr int kMostTableRows = 32767;
-constexpr int kSmallestBitDepth = 8;
 
 // "16-bit unsigned", "8-bit unsigned 3-channel", ... in the order of OpenCV's depths.
 std::string describeDepth(const cv::Mat& image) {
@@ -51,23 +51,15 @@ cv::Mat readImage(const BadPixelsOptions& options) {
     return image;
 }
 
-struct SearchRange {
-    int low;
-    int high;
-};
-
 // Values at or beyond either end count as defective. Unless given, the ends are those of
 // the smallest bit depth that holds the image: dead pixels read 0 (or the most negative
 // value), saturated ones the full scale.
 SearchRange chooseSearchRange(const BadPixelsOptions& options, const cv::Mat& image) {
     double lowest = 0.0, highest = 0.0;
     cv::minMaxLoc(image, &lowest, &highest);
-    int fullScale = 1 << kSmallestBitDepth;
-    while (fullScale - 1 < highest || -fullScale > lowest) {
-        fullScale *= 2;
-    }
-    const SearchRange range{options.low.value_or(lowest < 0.0 ? -fullScale : 0),
-                            options.high.value_or(fullScale - 1)};
+    const SearchRange fullScale = fullScaleRange(lowest, highest);
+    const SearchRange range{options.low.value_or(fullScale.low),
+                            options.high.value_or(fullScale.high)};
     if (range.low >= range.high) {
         throw std::runtime_error("--low " + std::to_string(range.low) + " must lie below --high " +
                                  std::to_string(range.high) + ".");
@@ -82,38 +74,14 @@ SearchRange chooseSearchRange(const BadPixelsOptions& options, const cv::Mat& im
     return range;
 }
 
-// Known bad pixels from a CSV whose lines start with x,y; lines that start with neither a
-// digit nor a minus sign (a header, comments) are skipped. The rows take the form detection
-// leaves them in, so that their replacements get chosen.
-Table readKnownBadPixels(const std::string& path, cv::Size imageSize) {
-    std::ifstream file(path);
-    if (!file) {
-        throw std::runtime_error("Cannot read the known bad pixels '" + path + "'.");
-    }
+// Known bad pixels in the form detection leaves its rows in, so that their replacements get
+// chosen.
+Table knownBadPixels(const std::string& path, cv::Size imageSize) {
     Table known(0, BadPixel::kTableColumns);
-    std::string line;
-    for (int number = 1; std::getline(file, line); ++number) {
-        if (line.empty() ||
-            (line[0] != '-' && !std::isdigit(static_cast<unsigned char>(line[0])))) {
-            continue;
-        }
-        std::istringstream fields(line);
-        long x = -1, y = -1;
-        char comma = 0;
-        if (!(fields >> x >> comma >> y) || comma != ',') {
-            throw std::runtime_error("Line " + std::to_string(number) + " of '" + path +
-                                     "' does not start with x,y.");
-        }
-        if (x < 0 || y < 0 || x >= imageSize.width || y >= imageSize.height) {
-            throw std::runtime_error("The known bad pixel (" + std::to_string(x) + ", " +
-                                     std::to_string(y) + ") on line " + std::to_string(number) +
-                                     " of '" + path + "' lies outside the " +
-                                     std::to_string(imageSize.width) + "x" +
-                                     std::to_string(imageSize.height) + " image.");
-        }
+    for (const cv::Point& position : readBadPixelPositions(path, imageSize)) {
         Table row = Table::zeros(1, BadPixel::kTableColumns);
-        row(0, 0) = static_cast<unsigned short>(x);
-        row(0, 1) = static_cast<unsigned short>(y);
+        row(0, 0) = static_cast<unsigned short>(position.x);
+        row(0, 1) = static_cast<unsigned short>(position.y);
         row(0, 2) = static_cast<unsigned short>(imageSize.width);
         row(0, 3) = static_cast<unsigned short>(imageSize.height);
         known.push_back(row);
@@ -185,29 +153,18 @@ cv::Mat drawDefects(const BadPixelsOptions& options, const cv::Mat& image, const
 }
 
 // The bad pixels of the image, searched in [low, high], merged with the known ones, each
-// with its replacements chosen; `found` tells how many the search found (the first rows).
+// with its replacements chosen; `found` tells how many the search found (the first rows),
+// `keptAsScene` how many flagged pixels the local test kept.
 Table findBadPixels(const BadPixelsOptions& options, const cv::Mat& image, SearchRange range,
-                    const Table& known, int& found) {
-    // The search takes signed 16-bit values with its range starting at 0: shifting by the
-    // low end keeps every value inside the range exact, and those beyond it stay beyond it.
-    cv::Mat_<short> searched;
-    image.convertTo(searched, CV_16S, 1.0, -range.low);
-    const short highLimit = static_cast<short>(range.high - range.low);
-    cv::Mat_<int> histogram;
-    BadPixel::buildValueHistogram(searched, histogram, 0, highLimit);
-    Table table(options.capacity, BadPixel::kTableColumns);
-    if (!BadPixel::performNeighbourSearch(searched, histogram, table, 0, highLimit,
-                                          static_cast<unsigned short>(options.maxNeighbours),
-                                          static_cast<unsigned short>(options.span))) {
-        throw std::runtime_error(
-            "More than " + std::to_string(options.capacity) +
-            " bad pixels: the table is full. Give a larger --capacity (at most 32767), or check "
-            "--low and --high: every value at or beyond them counts as defective.");
-    }
-    // A search that finds nothing leaves the table at its capacity, all zeros.
-    if (table.rows == options.capacity) {
-        table = Table(0, BadPixel::kTableColumns);
-    }
+                    const Table& known, int& found, int& keptAsScene) {
+    DefectSearchSettings settings;
+    settings.maxNeighbours = options.maxNeighbours;
+    settings.span = options.span;
+    settings.capacity = options.capacity;
+    settings.local = options.search == "local";
+    const DefectSearchResult search = findDefects(image, range, settings);
+    Table table = search.table;
+    keptAsScene = search.keptAsScene;
     found = table.rows;
     if (!known.empty()) {
         cv::Mat merged = table;
@@ -254,7 +211,8 @@ int countUnreplaced(const Table& table, cv::Size imageSize) {
 }
 
 void printSummary(const BadPixelsOptions& options, const cv::Mat& image, SearchRange range,
-                  const Table& table, int found, int unreplaced, double milliseconds) {
+                  const Table& table, int found, int keptAsScene, int unreplaced,
+                  double milliseconds) {
     int outOfRange = 0;
     for (int row = 0; row < found; ++row) {
         const int value = valueAt(image, table(row, 0), table(row, 1));
@@ -263,6 +221,13 @@ void printSummary(const BadPixelsOptions& options, const cv::Mat& image, SearchR
     std::cout << "found: " << found << (found == 1 ? " bad pixel in " : " bad pixels in ")
               << options.input << " (" << outOfRange << " at or beyond " << range.low << ".."
               << range.high << ", " << found - outOfRange << " at isolated values)" << std::endl;
+    if (keptAsScene > 0) {
+        std::cout << "kept: " << keptAsScene
+                  << (keptAsScene == 1 ? " extreme value that matches"
+                                       : " extreme values that match")
+                  << " the pixels around it as scene (--search histogram would repair them too)"
+                  << std::endl;
+    }
     if (!options.known.empty()) {
         std::cout << "known: " << table.rows - found << " more from " << options.known << std::endl;
     }
@@ -282,17 +247,17 @@ int runBadPixels(const BadPixelsOptions& options) {
     const cv::Mat image = readImage(options);
     const SearchRange range = chooseSearchRange(options, image);
     const Table known =
-        options.known.empty() ? Table() : readKnownBadPixels(options.known, image.size());
+        options.known.empty() ? Table() : knownBadPixels(options.known, image.size());
     const bool pngOutput = repairedAsPng(options.output, image);
 
     const auto start = std::chrono::steady_clock::now();
-    int found = 0;
-    const Table table = findBadPixels(options, image, range, known, found);
+    int found = 0, keptAsScene = 0;
+    const Table table = findBadPixels(options, image, range, known, found, keptAsScene);
     cv::Mat repaired = repairBadPixels(image, table, range);
     const double milliseconds =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     const int unreplaced = countUnreplaced(table, image.size());
-    printSummary(options, image, range, table, found, unreplaced, milliseconds);
+    printSummary(options, image, range, table, found, keptAsScene, unreplaced, milliseconds);
 
     writeTable(options.table, table);
     std::cout << "wrote " << options.table << " (" << table.rows << " rows)" << std::endl;

@@ -1,7 +1,9 @@
 #include <algorithm>
+#include <cmath>
 #include <iostream>
 #include <stdexcept>
 
+#include "interface/SuperResolutionInterface.h"
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
 #include "tools/kelvo-sr/ImageFiles.h"
@@ -11,6 +13,10 @@
 namespace kelvo::tools {
 
 namespace {
+
+constexpr std::size_t kBurstFrames = 5;
+constexpr int kRegistrationFailed = -998;
+constexpr int kTooLargeDisplacement = -6;
 
 // Window position of the reference frame among the frames given, oldest first.
 std::size_t referencePosition(const BurstCommandOptions& options, std::size_t frameCount) {
@@ -34,25 +40,72 @@ void writeComparison(const BurstCommandOptions& options, const cv::Mat_<float>& 
                          {{"bicubic 2x", bicubic(area)}, {"super-resolution 2x", result(area)}}));
 }
 
+// Names the frames behind a weak pass and says what to try; throws when the pass left no
+// result.
+void reportPass(const BurstCommandOptions& options, std::size_t first, int frameHeight,
+                const PassReport& pass) {
+    const auto name = [&](std::size_t position) { return options.frames[first + position]; };
+    const std::string reference = name(pass.referencePosition);
+    if (pass.status == kRegistrationFailed) {
+        throw std::runtime_error(
+            "No frame could be matched to the reference frame " + reference +
+            ": it offers no structure to track. No result was written; try another --reference "
+            "or frames with more contrast.");
+    }
+    const float limit = static_cast<float>(frameHeight / 10);
+    for (std::size_t i = 0; i < pass.frames.size(); ++i) {
+        const PassReport::Frame& frame = pass.frames[i];
+        if (pass.status == kTooLargeDisplacement &&
+            (std::fabs(frame.shift.x) > limit || std::fabs(frame.shift.y) > limit)) {
+            std::cerr << "warning: " << name(i) << " is displaced by (" << frame.shift.x << ", "
+                      << frame.shift.y << ") pixels from the reference frame " << reference
+                      << ", more than a tenth of the frame height (" << limit
+                      << "): the result is blurred there. Try frames taken closer together, or a "
+                         "--reference nearer to it."
+                      << std::endl;
+        }
+        if (pass.status != 0 && frame.validFraction <= 0.5f) {
+            std::cerr << "warning: only " << std::lround(100.0f * frame.validFraction) << "% of "
+                      << name(i) << " matched the reference frame " << reference
+                      << " (code -3): check that it shows the same scene, or try another "
+                         "--reference."
+                      << std::endl;
+        }
+    }
+}
+
 }  // namespace
 
 int runBurst(const BurstCommandOptions& options) {
     const auto rawFormat = rawFormatFromOptions(options.rawSize, options.rawType);
     std::vector<cv::Mat_<float>> frames;
+    int storedDepth = CV_32F;
     for (const std::string& path : options.frames) {
-        frames.push_back(readFrame(path, rawFormat.get()));
+        frames.push_back(readFrame(path, rawFormat.get(), frames.empty() ? &storedDepth : nullptr));
     }
-    const auto resolver = makeSuperResolver(options.engine, frames.front());
+    const auto resolver = makeSuperResolver(options.engine, frames, storedDepth);
+    const FrameValues& values = resolver->values();
 
-    // With more than five frames the window slides: the last five make the result.
+    // One pass, over the last five frames; earlier ones served the bad-pixel search only.
+    const std::size_t first = frames.size() - kBurstFrames;
+    if (first > 0) {
+        std::cout << "using the last " << kBurstFrames << " of " << frames.size() << " frames"
+                  << std::endl;
+    }
     int lastStatus = 0;
-    for (std::size_t i = 0; i < frames.size(); ++i) {
+    for (std::size_t i = first; i < frames.size(); ++i) {
+        warnOutsideRange(options.frames[i], frames[i], values);
         const int status = resolver->addFrame(frames[i]);
-        if (status != 0) {
+        if (status != 0 && status != SR_MASK_HALF_EMPTY) {
             std::cerr << "warning: " << options.frames[i] << ": " << SuperResolver::describe(status)
                       << std::endl;
         }
         lastStatus = status;
+    }
+    const PassReport pass = resolver->lastPass();
+    reportPass(options, first, frames.front().rows, pass);
+    if (pass.status != 0) {
+        lastStatus = pass.status;
     }
     const cv::Mat_<float> result = resolver->result();
 
@@ -61,7 +114,8 @@ int runBurst(const BurstCommandOptions& options) {
               << std::endl;
     if (!options.png.empty()) {
         double scale = 1.0, offset = 0.0;
-        default16BitEncoding(chooseValueKind(options.engine.values, frames.front()), scale, offset);
+        default16BitEncoding(values.kind, scale, offset);
+        warnIfClipped(options.png, result, scale, offset);
         write16BitPng(options.png, result, scale, offset);
         std::cout << "wrote " << options.png << std::endl;
     }

@@ -1,8 +1,22 @@
 #include "tools/kelvo-sr/CommandSupport.h"
 
+#include <iostream>
+#include <sstream>
 #include <stdexcept>
 
+#include "tools/kelvo-sr/DefectSearch.h"
+
 namespace kelvo::tools {
+
+namespace {
+
+std::string rangeText(const FrameValues& values) {
+    std::ostringstream text;
+    text << values.low << ".." << values.high;
+    return text.str();
+}
+
+}  // namespace
 
 std::unique_ptr<RawFormat> rawFormatFromOptions(const std::string& size, const std::string& type) {
     if (size.empty() && type.empty()) {
@@ -21,28 +35,88 @@ std::unique_ptr<RawFormat> rawFormatFromOptions(const std::string& size, const s
     return format;
 }
 
-ValueKind chooseValueKind(const std::string& option, const cv::Mat_<float>& firstFrame) {
-    const ValueKind values = option == "counts"        ? ValueKind::kCounts
-                             : option == "temperature" ? ValueKind::kTemperature
-                                                       : guessValueKind(firstFrame);
-    if (countValidPixels(firstFrame, values) == 0) {
+FrameValues chooseValues(const std::string& option, const cv::Mat_<float>& firstFrame,
+                         int storedDepth) {
+    std::string decision;
+    const FrameValues values = chooseFrameValues(option, firstFrame, storedDepth, &decision);
+    if (countOutsideRange(firstFrame, values) == static_cast<int>(firstFrame.total())) {
         throw std::runtime_error(
-            values == ValueKind::kCounts
-                ? "Every pixel of the first frame lies outside -32768..32767, the range of "
-                  "sensor counts the engine accepts: convert the frames to signed counts or "
-                  "temperatures first."
+            values.kind == ValueKind::kCounts
+                ? "Every pixel of the first frame lies outside " + rangeText(values) +
+                      ", the range of sensor counts the engine accepts: convert the frames to "
+                      "counts or temperatures first."
                 : "Every pixel of the first frame lies outside -274..5000, the temperature "
                   "range the engine accepts: use --values counts for raw sensor counts.");
+    }
+    if (!decision.empty()) {
+        std::cout << decision << std::endl;
     }
     return values;
 }
 
+void warnOutsideRange(const std::string& frameName, const cv::Mat_<float>& frame,
+                      const FrameValues& values) {
+    const int outside = countOutsideRange(frame, values);
+    if (outside > 0) {
+        std::cerr << "warning: " << frameName << ": " << outside
+                  << (outside == 1 ? " pixel lies" : " pixels lie") << " outside the valid "
+                  << (values.kind == ValueKind::kCounts ? "counts " : "temperatures ")
+                  << rangeText(values) << " and will be repaired from the pixels around "
+                  << (outside == 1 ? "it" : "them") << std::endl;
+    }
+}
+
+std::vector<cv::Point> chooseDefectivePixels(const std::string& option,
+                                             const std::vector<cv::Mat_<float>>& frames,
+                                             const FrameValues& values) {
+    const std::string chosen = !option.empty()                     ? option
+                               : values.kind == ValueKind::kCounts ? "auto"
+                                                                   : "none";
+    if (chosen == "none" || frames.empty()) {
+        return {};
+    }
+    if (chosen != "auto") {
+        const std::vector<cv::Point> positions =
+            readBadPixelPositions(chosen, frames.front().size());
+        std::cout << "bad pixels: " << positions.size() << " from " << chosen << std::endl;
+        return positions;
+    }
+    const std::vector<cv::Point> found = findBurstDefects(frames, values.kind, {});
+    std::cout << "bad pixels: " << found.size() << " found in all " << frames.size()
+              << " frames (--bad-pixels auto)" << std::endl;
+    return found;
+}
+
+void warnIfClipped(const std::string& path, const cv::Mat_<float>& image, double scale,
+                   double offset) {
+    int clipped = 0;
+    for (int r = 0; r < image.rows; ++r) {
+        const float* row = image[r];
+        for (int c = 0; c < image.cols; ++c) {
+            const double encoded = row[c] * scale + offset;
+            clipped += !(encoded >= 0.0 && encoded <= 65535.0);
+        }
+    }
+    if (clipped > 0) {
+        std::cerr << "warning: " << path << ": " << clipped
+                  << (clipped == 1 ? " pixel lies" : " pixels lie")
+                  << " outside what 16 bits hold (value x " << scale << " + " << offset
+                  << " beyond 0..65535) and " << (clipped == 1 ? "was" : "were")
+                  << " clipped; the float TIFF keeps every value" << std::endl;
+    }
+}
+
 std::unique_ptr<SuperResolver> makeSuperResolver(const EngineOptions& options,
-                                                 const cv::Mat_<float>& firstFrame) {
+                                                 const std::vector<cv::Mat_<float>>& burst,
+                                                 int storedDepth) {
+    for (const cv::Mat_<float>& frame : burst) {
+        requireFrameSize(frame, burst.front().size());
+    }
+    const FrameValues values = chooseValues(options.values, burst.front(), storedDepth);
     auto resolver = std::make_unique<SuperResolver>(
-        firstFrame.size(), chooseValueKind(options.values, firstFrame), options.cameraAndLensType,
-        options.referenceIndex);
+        burst.front().size(), values, options.cameraAndLensType, options.referenceIndex);
     resolver->setVerbose(options.timings);
+    resolver->setDefectivePixels(chooseDefectivePixels(options.badPixels, burst, values));
     return resolver;
 }
 

@@ -15,12 +15,32 @@ namespace kelvo::tools {
 // given; throws std::runtime_error when only one of them is, or the size is malformed.
 std::unique_ptr<RawFormat> rawFormatFromOptions(const std::string& size, const std::string& type);
 
-// The value kind the options ask for, "auto" deciding from the first frame. Throws
-// std::runtime_error with advice when the engine would reject every pixel.
-ValueKind chooseValueKind(const std::string& option, const cv::Mat_<float>& firstFrame);
+// The values the options ask for, "auto" deciding from the first frame (and printing what it
+// decided unless the frames are plain temperatures). Throws std::runtime_error with advice
+// when the engine would reject every pixel.
+FrameValues chooseValues(const std::string& option, const cv::Mat_<float>& firstFrame,
+                         int storedDepth);
 
-// A super-resolver configured from the options for frames like the first one.
+// Warns on standard error when some pixels of the frame lie outside the valid range: the
+// engine repairs them from their neighbours.
+void warnOutsideRange(const std::string& frameName, const cv::Mat_<float>& frame,
+                      const FrameValues& values);
+
+// The known defective pixels the --bad-pixels option names for these frames: none, those of a
+// table written by `kelvo-sr badpixels`, or those the search finds in every frame (auto).
+std::vector<cv::Point> chooseDefectivePixels(const std::string& option,
+                                             const std::vector<cv::Mat_<float>>& frames,
+                                             const FrameValues& values);
+
+// Warns on standard error when the 16-bit encoding value x scale + offset of some pixels lies
+// beyond 0..65535, so that a 16-bit image of the result clips them.
+void warnIfClipped(const std::string& path, const cv::Mat_<float>& image, double scale,
+                   double offset);
+
+// A super-resolver configured from the options for the frames of a burst (its first frame
+// decides the values; all of them, the defective pixels).
 std::unique_ptr<SuperResolver> makeSuperResolver(const EngineOptions& options,
-                                                 const cv::Mat_<float>& firstFrame);
+                                                 const std::vector<cv::Mat_<float>>& burst,
+                                                 int storedDepth);
 
 }  // namespace kelvo::tools

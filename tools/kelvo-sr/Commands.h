@@ -11,6 +11,8 @@ struct EngineOptions {
     std::string cameraAndLensType;
     int referenceIndex = 3;
     std::string values = "auto";  // auto, temperature or counts
+    // auto, none, or a CSV table of bad pixels; empty: auto for counts, none for temperatures
+    std::string badPixels;
     bool timings = false;
 };
 
@@ -55,6 +57,7 @@ struct BadPixelsOptions {
     // image's bit depth (0 .. 2^n - 1, or -2^n .. 2^n - 1 with negative values).
     std::optional<int> low;
     std::optional<int> high;
+    std::string search = "local";  // local or histogram
     int capacity = 10000;
     int maxNeighbours = 3;
     int span = 4;

@@ -98,8 +98,11 @@ cv::Mat readStoredImage(const std::string& path, const RawFormat* rawFormat) {
     return image;
 }
 
-cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat) {
+cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat, int* storedDepth) {
     cv::Mat image = readStoredImage(path, rawFormat);
+    if (storedDepth != nullptr) {
+        *storedDepth = image.depth();
+    }
     if (image.channels() == 4) {
         cv::cvtColor(image, image, cv::COLOR_BGRA2GRAY);
     } else if (image.channels() == 3) {

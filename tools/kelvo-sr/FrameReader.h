@@ -22,9 +22,12 @@ bool parseRawType(const std::string& text, RawType& type);
 
 // Reads one frame as a single-channel float image of the stored values: 8- and 16-bit
 // PNG, TIFF and JPEG, 32-bit float TIFF (colour images are converted to grey), and
-// headerless raw files (.raw, .bin) when a raw format is given. Throws
-// std::runtime_error with a sentence naming the file when it cannot.
-cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat);
+// headerless raw files (.raw, .bin) when a raw format is given. When storedDepth is given, it
+// receives the OpenCV depth of the stored pixels (CV_16U for a 16-bit PNG), which tells
+// integer counts from float values. Throws std::runtime_error with a sentence naming the file
+// when it cannot.
+cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat,
+                          int* storedDepth = nullptr);
 
 // Reads one image with the channels and pixel type it is stored in (a raw file as its
 // type); throws like readFrame.

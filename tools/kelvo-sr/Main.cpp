@@ -17,11 +17,19 @@ void addEngineOptions(CLI::App& command, EngineOptions& options) {
         ->capture_default_str();
     command
         .add_option("--values", options.values,
-                    "what the pixels are: temperature (-274..5000), counts (raw sensor "
-                    "counts, -32768..32767), or auto (counts when any value leaves the "
-                    "temperature range)")
+                    "what the pixels are: temperature (valid -274..5000), counts (raw sensor "
+                    "counts, valid over the range of the file's integer type, or "
+                    "-32768..65535 for float files), or auto (counts for integer files; for "
+                    "float files, counts when the bulk of the pixels, the 1st to 99th "
+                    "percentile, lies outside the temperature range)")
         ->check(CLI::IsMember({"auto", "temperature", "counts"}))
         ->capture_default_str();
+    command.add_option(
+        "--bad-pixels", options.badPixels,
+        "known defective pixels, repaired in every frame: auto (searched in every frame like "
+        "`badpixels`; a pixel found in all of them is defective, a warm spot that moves with "
+        "the scene is not), none, or a CSV table of x,y lines such as `badpixels` writes "
+        "(default: auto for counts, none for temperatures)");
     command.add_flag("--timings", options.timings, "print the library's timing lines");
 }
 
@@ -119,6 +127,16 @@ int main(int argc, char** argv) {
                      "values at or above it are defective (default 2^n - 1, the full scale of "
                      "the image's bit depth); at most 32767 above --low")
         ->check(CLI::Range(-32768, 65535));
+    badPixelsCommand
+        ->add_option("--search", badPixels.search,
+                     "histogram: every value at or beyond --low/--high and every value that "
+                     "few pixels share; this finds dead and hot pixels, but also a scene's "
+                     "few hottest and coldest pixels. local: of those, only the pixels that "
+                     "stand out from the pixels around them (further outside their values "
+                     "than those spread); a warm object blurred over several pixels or a "
+                     "saturated region stays as it is")
+        ->check(CLI::IsMember({"local", "histogram"}))
+        ->capture_default_str();
     badPixelsCommand
         ->add_option("--max-neighbours", badPixels.maxNeighbours,
                      "a value is isolated, and its pixels defective, when fewer pixels than "

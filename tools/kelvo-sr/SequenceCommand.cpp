@@ -62,12 +62,18 @@ public:
         return frames > 0 ? static_cast<int>(frames) : -1;
     }
 
-    bool next(cv::Mat_<float>& frame) {
+    // The name of the frame at a position, for messages.
+    std::string name(std::size_t at) const {
+        return at < files.size() ? files[at] : "frame " + std::to_string(at) + " of the video";
+    }
+
+    // Reads the next frame; storedDepth, when given, receives the depth of its stored pixels.
+    bool next(cv::Mat_<float>& frame, int* storedDepth = nullptr) {
         if (!files.empty()) {
             if (position >= files.size()) {
                 return false;
             }
-            frame = readFrame(files[position++], rawFormat);
+            frame = readFrame(files[position++], rawFormat, storedDepth);
             return true;
         }
         cv::Mat image;
@@ -76,6 +82,9 @@ public:
         }
         if (image.channels() == 3) {
             cv::cvtColor(image, image, cv::COLOR_BGR2GRAY);
+        }
+        if (storedDepth != nullptr) {
+            *storedDepth = image.depth();
         }
         image.convertTo(frame, CV_32F);
         ++position;
@@ -113,11 +122,26 @@ int runSequence(const SequenceOptions& options) {
     std::map<int, int> failures;
     int frames = 0, passes = 0;
     double passSeconds = 0.0;
+    // The opening burst is read ahead: its frames configure the values and the bad pixels.
+    std::vector<cv::Mat_<float>> opening;
     cv::Mat_<float> frame;
-    while (sequence.next(frame)) {
-        if (!resolver) {
-            resolver = makeSuperResolver(options.engine, frame);
+    int storedDepth = CV_8U;
+    while (opening.size() < 5 && sequence.next(frame, opening.empty() ? &storedDepth : nullptr)) {
+        opening.push_back(frame.clone());
+    }
+    std::size_t nextOpening = 0;
+    const auto nextFrame = [&](cv::Mat_<float>& next) {
+        if (nextOpening < opening.size()) {
+            next = opening[nextOpening++];
+            return true;
         }
+        return sequence.next(next);
+    };
+    while (nextFrame(frame)) {
+        if (!resolver) {
+            resolver = makeSuperResolver(options.engine, opening, storedDepth);
+        }
+        warnOutsideRange(sequence.name(frames), frame, resolver->values());
         const auto start = std::chrono::steady_clock::now();
         const int status = resolver->addFrame(frame);
         ++frames;

@@ -1,10 +1,12 @@
 #include "tools/kelvo-sr/SuperResolver.h"
 
+#include <algorithm>
+#include <cmath>
+#include <sstream>
 #include <stdexcept>
 
-#include "interface/SuperResolutionContext.h"
+#include "interface/SuperResolutionExtensions.h"
 #include "interface/SuperResolutionInterface.h"
-#include "tools/kelvo-sr/QuietStandardOutput.h"
 
 namespace kelvo::tools {
 
@@ -13,7 +15,9 @@ namespace {
 constexpr float kLowestTemperature = -274.0f;
 constexpr float kHighestTemperature = 5000.0f;
 constexpr float kLowestCount = -32768.0f;
-constexpr float kHighestCount = 32767.0f;
+constexpr float kHighestCount = 65535.0f;
+// The share of pixels at either end that cannot sway the automatic choice.
+constexpr double kOutlierShare = 0.01;
 
 std::string lastLibraryMessage() {
     char text[512] = {};
@@ -21,63 +25,178 @@ std::string lastLibraryMessage() {
     return text;
 }
 
-}  // namespace
-
-ValueKind guessValueKind(const cv::Mat_<float>& frame) {
-    double low = 0.0, high = 0.0;
-    cv::minMaxLoc(frame, &low, &high);
-    return low < kLowestTemperature || high > kHighestTemperature ? ValueKind::kCounts
-                                                                  : ValueKind::kTemperature;
+// The valid range of an integer file's values, or false for a float file.
+bool integerRange(int storedDepth, float& low, float& high) {
+    switch (storedDepth) {
+        case CV_8U:
+            low = 0.0f, high = 255.0f;
+            return true;
+        case CV_8S:
+            low = -128.0f, high = 127.0f;
+            return true;
+        case CV_16U:
+            low = 0.0f, high = 65535.0f;
+            return true;
+        case CV_16S:
+            low = -32768.0f, high = 32767.0f;
+            return true;
+        default:
+            return false;
+    }
 }
 
-int countValidPixels(const cv::Mat_<float>& frame, ValueKind values) {
-    const float low = values == ValueKind::kCounts ? kLowestCount : kLowestTemperature;
-    const float high = values == ValueKind::kCounts ? kHighestCount : kHighestTemperature;
-    int valid = 0;
+// The values at the given shares of the sorted finite pixels.
+void percentiles(const cv::Mat_<float>& frame, double lowShare, double highShare, float& low,
+                 float& high) {
+    std::vector<float> values;
+    values.reserve(frame.total());
     for (int r = 0; r < frame.rows; ++r) {
-        const float* row = frame.ptr<float>(r);
+        const float* row = frame[r];
         for (int c = 0; c < frame.cols; ++c) {
-            valid += row[c] >= low && row[c] <= high;
+            if (std::isfinite(row[c])) {
+                values.push_back(row[c]);
+            }
         }
     }
-    return valid;
+    if (values.empty()) {
+        low = high = 0.0f;
+        return;
+    }
+    const auto at = [&values](double share) {
+        const auto nth = values.begin() + static_cast<std::ptrdiff_t>(
+                                              share * static_cast<double>(values.size() - 1));
+        std::nth_element(values.begin(), nth, values.end());
+        return *nth;
+    };
+    low = at(lowShare);
+    high = at(highShare);
 }
 
-SuperResolver::SuperResolver(cv::Size frameSize, ValueKind values,
+std::string rangeText(float low, float high) {
+    std::ostringstream text;
+    text << low << ".." << high;
+    return text.str();
+}
+
+}  // namespace
+
+FrameValues::FrameValues(ValueKind kind)
+    : kind(kind),
+      low(kind == ValueKind::kCounts ? kLowestCount : kLowestTemperature),
+      high(kind == ValueKind::kCounts ? kHighestCount : kHighestTemperature) {}
+
+FrameValues chooseFrameValues(const std::string& option, const cv::Mat_<float>& frame,
+                              int storedDepth, std::string* decision) {
+    float typeLow = 0.0f, typeHigh = 0.0f;
+    const bool integers = integerRange(storedDepth, typeLow, typeHigh);
+    const auto counts = [&] {
+        return integers ? FrameValues(ValueKind::kCounts, typeLow, typeHigh)
+                        : FrameValues(ValueKind::kCounts);
+    };
+    if (option == "temperature") {
+        return FrameValues(ValueKind::kTemperature);
+    }
+    if (option == "counts") {
+        return counts();
+    }
+    if (integers) {
+        const FrameValues values = counts();
+        if (decision != nullptr) {
+            *decision =
+                "values: counts (integer pixels), valid " + rangeText(values.low, values.high);
+        }
+        return values;
+    }
+    float bulkLow = 0.0f, bulkHigh = 0.0f;
+    percentiles(frame, kOutlierShare, 1.0 - kOutlierShare, bulkLow, bulkHigh);
+    if (bulkLow >= kLowestTemperature && bulkHigh <= kHighestTemperature) {
+        return FrameValues(ValueKind::kTemperature);
+    }
+    const FrameValues values = counts();
+    if (decision != nullptr) {
+        *decision = "values: counts (1st to 99th percentile " + rangeText(bulkLow, bulkHigh) +
+                    " lies outside the temperatures -274..5000), valid " +
+                    rangeText(values.low, values.high);
+    }
+    return values;
+}
+
+int countOutsideRange(const cv::Mat_<float>& frame, const FrameValues& values) {
+    int outside = 0;
+    for (int r = 0; r < frame.rows; ++r) {
+        const float* row = frame[r];
+        for (int c = 0; c < frame.cols; ++c) {
+            outside += !(row[c] >= values.low && row[c] <= values.high);
+        }
+    }
+    return outside;
+}
+
+void requireFrameSize(const cv::Mat& frame, cv::Size firstFrameSize) {
+    if (frame.size() != firstFrameSize) {
+        throw std::runtime_error("A frame of " + std::to_string(frame.cols) + "x" +
+                                 std::to_string(frame.rows) + " pixels does not match the " +
+                                 std::to_string(firstFrameSize.width) + "x" +
+                                 std::to_string(firstFrameSize.height) + " of the first frame.");
+    }
+}
+
+SuperResolver::SuperResolver(cv::Size frameSize, const FrameValues& values,
                              const std::string& cameraAndLensType, int referenceIndex)
-    : size(frameSize), handle(SuperResolution_init(frameSize.width, frameSize.height)) {
+    : size(frameSize),
+      frameValues(values),
+      handle(SuperResolution_init(frameSize.width, frameSize.height)) {
     if (handle < 0) {
         throw std::runtime_error("The library cannot process " + std::to_string(size.width) + "x" +
                                  std::to_string(size.height) + " frames: " + lastLibraryMessage());
     }
-    if (!cameraAndLensType.empty()) {
-        SuperResolution_setCameraAndLensType(handle, cameraAndLensType.c_str());
-    }
-    if (referenceIndex < 0 || referenceIndex > 4) {
+    try {
+        if (!cameraAndLensType.empty()) {
+            check(SuperResolution_setCameraAndLensType(handle, cameraAndLensType.c_str()));
+        }
+        if (referenceIndex < 0 || referenceIndex > 4) {
+            throw std::runtime_error("The reference frame must be 0 (newest) to 4 (oldest).");
+        }
+        check(SuperResolution_setReferenceFrameChecked(handle, referenceIndex));
+        check(SuperResolution_setFrameValues(
+            handle, values.kind == ValueKind::kCounts ? SR_VALUES_COUNTS : SR_VALUES_TEMPERATURE));
+        check(SuperResolution_setValidRange(handle, values.low, values.high));
+        setVerbose(false);
+    } catch (...) {
         SuperResolution_release(handle);
-        throw std::runtime_error("The reference frame must be 0 (newest) to 4 (oldest).");
+        throw;
     }
-    SuperResolution_setReferenceFrame(handle, referenceIndex);
-    kelvo::interface::engineOf(handle)->setDataIsNUC(values == ValueKind::kCounts);
 }
 
 SuperResolver::~SuperResolver() {
     SuperResolution_release(handle);
 }
 
+void SuperResolver::check(int status) const {
+    if (status != SR_OK) {
+        throw std::runtime_error(describe(status));
+    }
+}
+
+void SuperResolver::setVerbose(bool value) {
+    check(SuperResolution_setTimingLines(handle, value ? SR_TIMING_STANDARD_OUTPUT : SR_TIMING_NONE,
+                                         nullptr, nullptr));
+}
+
+void SuperResolver::setDefectivePixels(const std::vector<cv::Point>& positions) {
+    std::vector<int> coordinates;
+    for (const cv::Point& position : positions) {
+        coordinates.push_back(position.x);
+        coordinates.push_back(position.y);
+    }
+    check(SuperResolution_setDefectivePixels(handle, coordinates.data(),
+                                             static_cast<int>(positions.size())));
+}
+
 int SuperResolver::addFrame(const cv::Mat_<float>& frame) {
-    if (frame.size() != size) {
-        throw std::runtime_error("A frame of " + std::to_string(frame.cols) + "x" +
-                                 std::to_string(frame.rows) + " pixels does not match the " +
-                                 std::to_string(size.width) + "x" + std::to_string(size.height) +
-                                 " of the first frame.");
-    }
+    requireFrameSize(frame, size);
     const cv::Mat_<float> continuous = frame.isContinuous() ? frame : frame.clone();
-    int status = 0;
-    {
-        QuietStandardOutput quiet(!verbose);
-        status = SuperResolution_addImage(handle, continuous.ptr<float>());
-    }
+    const int status = SuperResolution_addImage(handle, continuous.ptr<float>());
     if (status == SR_ERROR || status == SR_INIT_FAILED) {
         throw std::runtime_error(describe(status));
     }
@@ -93,16 +212,32 @@ cv::Mat_<float> SuperResolver::result() const {
     return image;
 }
 
+PassReport SuperResolver::lastPass() const {
+    PassReport report;
+    int frameCount = 0;
+    check(SuperResolution_getLastPass(handle, &report.status, &report.factorEstimate, &frameCount,
+                                      &report.referencePosition));
+    report.frames.resize(frameCount);
+    for (int i = 0; i < frameCount; ++i) {
+        PassReport::Frame& frame = report.frames[i];
+        check(SuperResolution_getLastPassFrame(handle, i, &frame.shift.x, &frame.shift.y,
+                                               &frame.validFraction));
+    }
+    return report;
+}
+
 std::vector<cv::Point2f> SuperResolver::estimatedShifts() const {
     std::vector<cv::Point2f> shifts;
-    kelvo::interface::engineOf(handle)->getCompleteShifts(shifts);
+    for (const PassReport::Frame& frame : lastPass().frames) {
+        shifts.push_back(frame.shift);
+    }
     return shifts;
 }
 
 std::string SuperResolver::describe(int status) {
     const std::string message = lastLibraryMessage();
     switch (status) {
-        case SR_OK:
+        case 0:
             return "ok";
         case SR_BAD_PIXELS:
             return "some defective pixels could not be repaired from their neighbours (code -2)";

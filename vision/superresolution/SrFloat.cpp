@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <iostream>
+#include <ostream>
 #include <stdexcept>
 
 #include "platform/kelvo/StopWatch.h"
@@ -91,6 +91,8 @@ SrFloat<Registration>::SrFloat(const SrFloat& other)
       registration(other.registration),
       minimization(other.minimization),
       badPixelHandling(other.badPixelHandling),
+      timingSink(other.timingSink),
+      lastSrFactor(other.lastSrFactor),
       frames(other.frames),
       registeredFrames(other.registeredFrames),
       masks(other.masks),
@@ -121,6 +123,8 @@ SrFloat<Registration>& SrFloat<Registration>::operator=(const SrFloat& other) {
     registration = other.registration;
     minimization = other.minimization;
     badPixelHandling = other.badPixelHandling;
+    timingSink = other.timingSink;
+    lastSrFactor = other.lastSrFactor;
     frames = other.frames;
     registeredFrames = other.registeredFrames;
     masks = other.masks;
@@ -196,6 +200,14 @@ void SrFloat<Registration>::setRelativeResidue(float residue) {
 }
 
 template <class Registration>
+void SrFloat<Registration>::setValidRange(float minimum, float maximum) {
+    if (!(std::isfinite(minimum) && std::isfinite(maximum) && minimum < maximum)) {
+        throw "Invalid range of valid values specified.";
+    }
+    badPixelHandling.setValidRange(minimum, maximum);
+}
+
+template <class Registration>
 int SrFloat<Registration>::addFrame(const float* frame) {
     if (frame == nullptr) {
         throw std::invalid_argument("Frame data pointer is NULL.");
@@ -240,11 +252,13 @@ float SrFloat<Registration>::computeSR(cv::Mat_<float>& out) {
 
 template <class Registration>
 float SrFloat<Registration>::computeSR(float* out) {
-    std::cout << "++++++++++ SrFloat ++++++++++" << std::endl;
+    std::ostream& timing = timingSink.stream();
+    timing << "++++++++++ SrFloat ++++++++++" << std::endl;
+    lastSrFactor = 0.0f;
     if (storedFrames < 1) {
         return -998.0f;
     }
-    const int ref = std::max(storedFrames - referenceIndex - 1, 0);
+    const int ref = getReferencePosition();
 
     kelvo::StopWatch watch;
     const int registered =
@@ -254,7 +268,7 @@ float SrFloat<Registration>::computeSR(float* out) {
     if (registered < 0) {
         return -998.0f;
     }
-    std::cout << " registration:         " << registrationTime << "[ms]" << std::endl;
+    timing << " registration:         " << registrationTime << "[ms]" << std::endl;
     registration.getCompleteShifts(completeShifts);
 
     watch.start();
@@ -277,7 +291,7 @@ float SrFloat<Registration>::computeSR(float* out) {
             tooManyMasked = true;
         }
     }
-    std::cout << " large_displacement:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
+    timing << " large_displacement:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
     int status = tooManyMasked ? -3 : 0;
     if (tooLarge) {
         status = -6;
@@ -286,7 +300,7 @@ float SrFloat<Registration>::computeSR(float* out) {
     watch.start();
     const int iterations = minimization.minimize(storedFrames, ref, registeredPointers.data(),
                                                  shifts.data(), maskPointers.data(), result.data());
-    std::cout << " minimization:         " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
+    timing << " minimization:         " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
     if (iterations < 0) {
         return static_cast<float>(iterations);
     }
@@ -302,8 +316,9 @@ float SrFloat<Registration>::computeSR(float* out) {
     watch.start();
     saveFrame(out);
     const float srFactor = estimateSrFactor();
-    std::cout << " save+srfactor calc:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
-    std::cout << "+++++++++++++++++++++++++++++" << std::endl;
+    lastSrFactor = srFactor;
+    timing << " save+srfactor calc:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
+    timing << "+++++++++++++++++++++++++++++" << std::endl;
     return status != 0 ? static_cast<float>(status) : srFactor;
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <algorithm>
 #include <opencv2/core.hpp>
 #include <vector>
 
 #include "vision/superresolution/SrFloatMinimization.h"
 #include "vision/superresolution/SuperResolutionBadPixelHandling.h"
+#include "vision/superresolution/TimingSink.h"
 
 namespace kelvo::vision {
 
@@ -46,6 +48,8 @@ public:
     void setMinStructureThreshold(float threshold) { minStructureThreshold = threshold; }
     float getMinStructureThreshold() const { return minStructureThreshold; }
     void setDataIsNUC(bool isNUC) { badPixelHandling.setDataIsNUC(isNUC); }
+    // Pixels outside [minimum, maximum] count as defective; both finite, minimum below maximum.
+    void setValidRange(float minimum, float maximum);
 
     int getInputSize() const { return inputSize; }
     int getOutputSize() const { return outputSize; }
@@ -78,6 +82,16 @@ public:
     void getCompleteShifts(std::vector<cv::Point_<float>>& out) const;
     // The sub-pixel remainders of the last pass, one per window position.
     const std::vector<cv::Point_<float>>& getShifts() const { return shifts; }
+    // The validity mask of a window position from the last pass (inputSize bytes).
+    const char* getMask(int position) const { return masks[position].data(); }
+    // The window position a pass now takes as its reference.
+    int getReferencePosition() const { return std::max(storedFrames - referenceIndex - 1, 0); }
+    // The factor estimate of the last pass, also when it returned -3 or -6; 0 when the pass
+    // stopped before the estimate.
+    float getLastSrFactor() const { return lastSrFactor; }
+
+    // Where the timing lines of the passes go (standard output unless told otherwise).
+    TimingSink& getTimingSink() { return timingSink; }
 
     Registration& getRegistration() { return registration; }
     SrFloatMinimization& getMinimization() { return minimization; }
@@ -103,6 +117,8 @@ private:
     Registration registration;
     SrFloatMinimization minimization;
     SuperResolutionBadPixelHandling badPixelHandling;
+    TimingSink timingSink;
+    float lastSrFactor = 0.0f;
 
     // Storage, and the pointer tables the stages take; frames rotate as the window
     // slides, the other buffers are indexed by window position.

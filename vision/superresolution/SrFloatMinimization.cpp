@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "vision/superresolution/LaneSum.h"
 #include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
@@ -12,48 +13,9 @@ namespace {
 constexpr float kFourOverPi = 1.2732395f;
 constexpr float kErfA = 0.1400123f;
 
-// Sums in double are split over this many lanes (term i goes to lane i mod kSumLanes,
-// the lanes are added in order at the end), so that the compiler can vectorise them
-// and a sum can be gathered piece by piece with the same result.
-constexpr int kSumLanes = 8;
-
 // Full-image rows per band of an operator application: the band of the result stays
 // in the second level cache from the stencil to the last frame's contribution.
 constexpr int kBandRows = 32;
-
-class LaneSum {
-public:
-    // Adds term(i) for i in [begin, end).
-    template <typename Term>
-    KELVO_VECTOR_CLONES void add(int begin, int end, Term term) {
-        double sums[kSumLanes];
-        std::copy(lanes, lanes + kSumLanes, sums);
-        int i = begin;
-        for (; i < end && i % kSumLanes != 0; ++i) {
-            sums[i % kSumLanes] += term(i);
-        }
-        for (; i + kSumLanes <= end; i += kSumLanes) {
-            for (int lane = 0; lane < kSumLanes; ++lane) {
-                sums[lane] += term(i + lane);
-            }
-        }
-        for (; i < end; ++i) {
-            sums[i % kSumLanes] += term(i);
-        }
-        std::copy(sums, sums + kSumLanes, lanes);
-    }
-
-    double total() const {
-        double sum = 0.0;
-        for (double lane : lanes) {
-            sum += lane;
-        }
-        return sum;
-    }
-
-private:
-    double lanes[kSumLanes] = {};
-};
 
 // Runs update(begin, end) over [begin, end) in pieces that stay in the first level
 // cache, each followed by sum.add over the same piece: element-wise loops and lane
@@ -73,13 +35,6 @@ KELVO_VECTOR_CLONES void scaleAndAdd(float beta, const float* r, int begin, int 
     for (int i = begin; i < end; ++i) {
         p[i] = beta * p[i] + r[i];
     }
-}
-
-template <typename Term>
-double sumInLanes(int count, Term term) {
-    LaneSum sum;
-    sum.add(0, count, term);
-    return sum.total();
 }
 
 // Gradient magnitudes are clamped to [epsilon, 1 / epsilon] before they weight the
@@ -115,6 +70,42 @@ float approximateErf(float x) {
     const float ax2 = kErfA * x2;
     const float magnitude = std::sqrt(1.0f - std::exp(-x2 * (kFourOverPi + ax2) / (1.0f + ax2)));
     return x < 0.0f ? -magnitude : magnitude;
+}
+
+// Tap k holds the mass of the Gaussian over one pixel, taken outward from the centre
+// between taps half - 1 and half: (erf((k + 1) c) - erf(k c)) / 2 with
+// c = 1 / (sqrt(2) sigma), normalised to sum 1.
+void buildBasePsf(float factor, float sigma, float* basePsf, int psfSize) {
+    std::fill(basePsf, basePsf + psfSize, 0.0f);
+    const int half = psfSize / 2;
+    const float c = 1.0f / (std::sqrt(2.0f) * sigma);
+    float sum = 0.0f;
+    for (int i = 0; factor > static_cast<float>(i) && i < half; ++i) {
+        const float v = 0.5f * (approximateErf(static_cast<float>(i + 1) * c) -
+                                approximateErf(static_cast<float>(i) * c));
+        basePsf[half - 1 - i] = v;
+        basePsf[half + i] = v;
+        sum += 2.0f * v;
+    }
+    for (int i = 0; i < psfSize; ++i) {
+        basePsf[i] /= sum;
+    }
+}
+
+// The base PSF moved by s high-resolution pixels, by linear interpolation between
+// neighbouring taps; the zero tap at the far end absorbs the move.
+void shiftPsf(const float* base, int n, float s, float* psf) {
+    if (s < 0.0f) {
+        psf[0] = 0.0f;
+        for (int j = 1; j < n; ++j) {
+            psf[j] = (s + 1.0f) * base[j] + (-s) * base[j - 1];
+        }
+    } else {
+        for (int j = 0; j < n - 1; ++j) {
+            psf[j] = (1.0f - s) * base[j] + s * base[j + 1];
+        }
+        psf[n - 1] = 0.0f;
+    }
 }
 
 SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor)
@@ -164,25 +155,9 @@ void SrFloatMinimization::setEpsilon(float value) {
     invEpsilon = 1.0f / value;
 }
 
-// Tap k holds the mass of the Gaussian over one pixel, taken outward from the centre
-// between taps half - 1 and half: (erf((k + 1) c) - erf(k c)) / 2 with
-// c = 1 / (sqrt(2) sigma), normalised to sum 1.
 void SrFloatMinimization::setPsfSigma(float value) {
     psfSigma = value;
-    std::fill(basePsf.begin(), basePsf.end(), 0.0f);
-    const int half = psfSize / 2;
-    const float c = 1.0f / (std::sqrt(2.0f) * value);
-    float sum = 0.0f;
-    for (int i = 0; factor > static_cast<float>(i) && i < half; ++i) {
-        const float v = 0.5f * (approximateErf(static_cast<float>(i + 1) * c) -
-                                approximateErf(static_cast<float>(i) * c));
-        basePsf[half - 1 - i] = v;
-        basePsf[half + i] = v;
-        sum += 2.0f * v;
-    }
-    for (float& tap : basePsf) {
-        tap /= sum;
-    }
+    buildBasePsf(factor, value, basePsf.data(), psfSize);
 }
 
 KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refIndex,
@@ -245,27 +220,10 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
     return total;
 }
 
-// The base PSF moved by s = factor * shift high-resolution pixels, by linear
-// interpolation between neighbouring taps; the zero tap at the far end absorbs the move.
 void SrFloatMinimization::generatePsfs(int numFrames, cv::Point_<float>* const shifts) {
-    const float* base = basePsf.data();
-    const int n = psfSize;
-    auto shiftPsf = [&](float s, float* psf) {
-        if (s < 0.0f) {
-            psf[0] = 0.0f;
-            for (int j = 1; j < n; ++j) {
-                psf[j] = (s + 1.0f) * base[j] + (-s) * base[j - 1];
-            }
-        } else {
-            for (int j = 0; j < n - 1; ++j) {
-                psf[j] = (1.0f - s) * base[j] + s * base[j + 1];
-            }
-            psf[n - 1] = 0.0f;
-        }
-    };
     for (int k = 0; k < numFrames; ++k) {
-        shiftPsf(factor * shifts[k].x, psfX[k].data());
-        shiftPsf(factor * shifts[k].y, psfY[k].data());
+        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].x, psfX[k].data());
+        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].y, psfY[k].data());
     }
 }
 
@@ -344,18 +302,75 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     return false;
 }
 
+TvWeights SrFloatMinimization::tvWeights() {
+    return {weightRight.data(), weightDown.data(), weightDownLeft.data(), weightDownRight.data()};
+}
+
+void SrFloatMinimization::computeL(int firstRow, int endRow) {
+    computeTvWeights(estimate.data(), fullWidth, fullHeight, negInvWeightTV, epsilon, invEpsilon,
+                     tvWeights(), firstRow, endRow);
+}
+
+// out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
+// `in` are handed to prepareRows(begin, end) (index ranges) before anything reads
+// them or the weights of their pixels, and the rows of a band to finishRows(begin, end)
+// once they are final.
+template <typename PrepareRows, typename FinishRows>
+KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames, char** masks,
+                                                       float* out, PrepareRows prepareRows,
+                                                       FinishRows finishRows) {
+    int prepared = 0;
+    int lowResDone = 0;
+    for (int first = 0; first < fullHeight; first += kBandRows) {
+        const int end = std::min(first + kBandRows, fullHeight);
+        // The frame rows whose samples reach the band, r <= (end - 1) / 2, read the
+        // rows of `in` up to 2 r + psfSize - 1; the stencil reads one row beyond.
+        const int lowResNeeded = std::min((end - 1) / 2 + 1, lrHeight);
+        const int rowsRead =
+            std::min(std::max(2 * (lowResNeeded - 1) + psfSize, end + 1), fullHeight);
+        if (rowsRead > prepared) {
+            prepareRows(prepared * fullWidth, rowsRead * fullWidth);
+            prepared = rowsRead;
+        }
+        convolution.validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
+                                      lowResTable.data(), lowResDone, lowResNeeded);
+        lowResDone = std::max(lowResDone, lowResNeeded);
+        applyStencil(in, first * fullWidth, end * fullWidth, out);
+        convolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
+                                                 psfYTable.data(), masks, out, first, end);
+        finishRows(first * fullWidth, end * fullWidth);
+    }
+}
+
+// out[i] = (L in)[i] for i in [begin, end). Pixels of the first and the last row
+// (and one more at either end) have neighbours outside the image and take the
+// general path; all others run through the branch-free loop.
+void SrFloatMinimization::applyStencil(const float* in, int begin, int end, float* out) {
+    const int w = fullWidth;
+    const int interiorBegin = std::clamp(w + 1, begin, end);
+    const int interiorEnd = std::clamp(fullSize - w - 1, interiorBegin, end);
+    for (int i = begin; i < interiorBegin; ++i) {
+        out[i] = tvStencilAt(in, i, w, fullSize, tvWeights());
+    }
+    stencilInterior(in, weightRight.data(), weightDown.data(), weightDownLeft.data(),
+                    weightDownRight.data(), w, interiorBegin, interiorEnd, out);
+    for (int i = interiorEnd; i < end; ++i) {
+        out[i] = tvStencilAt(in, i, w, fullSize, tvWeights());
+    }
+}
+
 // Lagged diffusivity: every pair of neighbours (right, down and the two diagonals at
 // distance sqrt 2) gets the weight -1 / (weightTV g(|x_a - x_b| / distance)), the
 // diagonals halved, with g the clamped magnitude. The diagonal of L, minus the sum
-// of the eight weights of a pixel, is formed where L is applied (neighbourWeightSum),
+// of the eight weights of a pixel, is formed where L is applied (tvNeighbourWeightSum),
 // so that L x is a weighted Laplacian of x.
-KELVO_VECTOR_CLONES void SrFloatMinimization::computeL(int firstRow, int endRow) {
-    const int w = fullWidth;
-    const float* x = estimate.data();
-    float* right = weightRight.data();
-    float* down = weightDown.data();
-    float* downLeft = weightDownLeft.data();
-    float* downRight = weightDownRight.data();
+KELVO_VECTOR_CLONES void computeTvWeights(const float* x, int w, int fullHeight,
+                                          float negInvWeightTV, float epsilon, float invEpsilon,
+                                          const TvWeights& weights, int firstRow, int endRow) {
+    float* right = weights.right;
+    float* down = weights.down;
+    float* downLeft = weights.downLeft;
+    float* downRight = weights.downRight;
     const float q = 1.0f / std::sqrt(2.0f);
     const float n = negInvWeightTV;
     const float lo = epsilon;
@@ -402,8 +417,11 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::computeL(int firstRow, int endRow)
 // right[i-1] + right[i] + down[i-W] + down[i] + downRight[i-W-1] + downRight[i] +
 // downLeft[i-W+1] + downLeft[i], leaving out the weights whose index falls outside
 // the image.
-float SrFloatMinimization::neighbourWeightSum(int i) const {
-    const int w = fullWidth;
+float tvNeighbourWeightSum(const TvWeights& weights, int w, int i) {
+    const float* weightRight = weights.right;
+    const float* weightDown = weights.down;
+    const float* weightDownLeft = weights.downLeft;
+    const float* weightDownRight = weights.downRight;
     float sum = i >= 1 ? weightRight[i - 1] + weightRight[i] : weightRight[i];
     if (i >= w) {
         sum += weightDown[i - w];
@@ -419,59 +437,13 @@ float SrFloatMinimization::neighbourWeightSum(int i) const {
     return sum + weightDownLeft[i];
 }
 
-// out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
-// `in` are handed to prepareRows(begin, end) (index ranges) before anything reads
-// them or the weights of their pixels, and the rows of a band to finishRows(begin, end)
-// once they are final.
-template <typename PrepareRows, typename FinishRows>
-KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames, char** masks,
-                                                       float* out, PrepareRows prepareRows,
-                                                       FinishRows finishRows) {
-    int prepared = 0;
-    int lowResDone = 0;
-    for (int first = 0; first < fullHeight; first += kBandRows) {
-        const int end = std::min(first + kBandRows, fullHeight);
-        // The frame rows whose samples reach the band, r <= (end - 1) / 2, read the
-        // rows of `in` up to 2 r + psfSize - 1; the stencil reads one row beyond.
-        const int lowResNeeded = std::min((end - 1) / 2 + 1, lrHeight);
-        const int rowsRead =
-            std::min(std::max(2 * (lowResNeeded - 1) + psfSize, end + 1), fullHeight);
-        if (rowsRead > prepared) {
-            prepareRows(prepared * fullWidth, rowsRead * fullWidth);
-            prepared = rowsRead;
-        }
-        convolution.validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
-                                      lowResTable.data(), lowResDone, lowResNeeded);
-        lowResDone = std::max(lowResDone, lowResNeeded);
-        applyStencil(in, first * fullWidth, end * fullWidth, out);
-        convolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
-                                                 psfYTable.data(), masks, out, first, end);
-        finishRows(first * fullWidth, end * fullWidth);
-    }
-}
-
-// out[i] = (L in)[i] for i in [begin, end). Pixels of the first and the last row
-// (and one more at either end) have neighbours outside the image and take the
-// general path; all others run through the branch-free loop.
-void SrFloatMinimization::applyStencil(const float* in, int begin, int end, float* out) const {
-    const int w = fullWidth;
-    const int interiorBegin = std::clamp(w + 1, begin, end);
-    const int interiorEnd = std::clamp(fullSize - w - 1, interiorBegin, end);
-    for (int i = begin; i < interiorBegin; ++i) {
-        out[i] = stencilAt(in, i);
-    }
-    stencilInterior(in, weightRight.data(), weightDown.data(), weightDownLeft.data(),
-                    weightDownRight.data(), w, interiorBegin, interiorEnd, out);
-    for (int i = interiorEnd; i < end; ++i) {
-        out[i] = stencilAt(in, i);
-    }
-}
-
 // One pixel of L in, leaving out the terms whose index falls outside the image.
-float SrFloatMinimization::stencilAt(const float* in, int i) const {
-    const int w = fullWidth;
-    const int s = fullSize;
-    float sum = -neighbourWeightSum(i) * in[i];
+float tvStencilAt(const float* in, int i, int w, int s, const TvWeights& weights) {
+    const float* weightRight = weights.right;
+    const float* weightDown = weights.down;
+    const float* weightDownLeft = weights.downLeft;
+    const float* weightDownRight = weights.downRight;
+    float sum = -tvNeighbourWeightSum(weights, w, i) * in[i];
     if (i + 1 < s) {
         sum += weightRight[i] * in[i + 1];
     }

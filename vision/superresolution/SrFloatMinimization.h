@@ -19,6 +19,16 @@ namespace kelvo::vision {
 //   (L + sum_k H_k^T M_k H_k) x = sum_k H_k^T M_k y_k
 // and recomputes L from the current estimate. Intensities are normalised by the
 // reference frame's mean and deviation while solving.
+// The four weight images of the lagged TV operator L (fullWidth x fullHeight each):
+// the weight of the pair of pixel i with its right, lower, lower-left and lower-right
+// neighbour.
+struct TvWeights {
+    float* right;
+    float* down;
+    float* downLeft;
+    float* downRight;
+};
+
 class SrFloatMinimization {
 public:
     SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor);
@@ -51,9 +61,8 @@ private:
     void gradient(float* in, int numFrames, char** masks, float* out, PrepareRows prepareRows,
                   FinishRows finishRows);
     bool iteration(int index, int numFrames, char** masks);
-    void applyStencil(const float* in, int begin, int end, float* out) const;
-    float stencilAt(const float* in, int i) const;
-    float neighbourWeightSum(int i) const;
+    void applyStencil(const float* in, int begin, int end, float* out);
+    TvWeights tvWeights();
 
     int lrWidth;
     int lrHeight;
@@ -100,5 +109,18 @@ private:
 //   erf(x) = sign(x) sqrt(1 - exp(-x^2 (4/pi + a x^2) / (1 + a x^2))),  a = 0.1400123,
 // with erf(0) = 0 exactly.
 float approximateErf(float x);
+
+// The pieces of the reconstruction that every float engine shares.
+// The centred base PSF of psfSize taps for a Gaussian of `sigma` at `factor`.
+void buildBasePsf(float factor, float sigma, float* basePsf, int psfSize);
+// psf = base moved by s (|s| <= 1) high-resolution pixels; both have n taps.
+void shiftPsf(const float* base, int n, float s, float* psf);
+// The TV weights of rows [firstRow, endRow) from the estimate x (w columns).
+void computeTvWeights(const float* x, int w, int fullHeight, float negInvWeightTV, float epsilon,
+                      float invEpsilon, const TvWeights& weights, int firstRow, int endRow);
+// The diagonal of L at pixel i, negated: the sum of its eight neighbour weights.
+float tvNeighbourWeightSum(const TvWeights& weights, int w, int i);
+// (L in)[i] for an image of s pixels, w per row, the terms outside the image left out.
+float tvStencilAt(const float* in, int i, int w, int s, const TvWeights& weights);
 
 }  // namespace kelvo::vision

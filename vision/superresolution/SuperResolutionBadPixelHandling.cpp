@@ -204,6 +204,11 @@ void SuperResolutionBadPixelHandling::setDataIsNUC(bool value) {
     validMax = value ? kNUCValidMax : kDefaultValidMax;
 }
 
+void SuperResolutionBadPixelHandling::setValidRange(float minimum, float maximum) {
+    validMin = minimum;
+    validMax = maximum;
+}
+
 bool SuperResolutionBadPixelHandling::isValid(float value) const {
     // NaN fails both comparisons and the infinities lie outside every valid range.
     return value >= validMin && value <= validMax && !isMarker(bitsOf(value));
@@ -479,6 +484,54 @@ void SuperResolutionBadPixelHandling::replaceMaskedPixel(
             }
         }
     }
+}
+
+int SuperResolutionBadPixelHandling::fillRemainingMarkers(cv::Mat_<float>& result) {
+    CV_Assert(result.isContinuous());
+    float* pixels = result.ptr<float>();
+    const int columns = result.cols;
+    const int rows = result.rows;
+    unfilledMarkers.clear();
+    for (int i = 0; i < columns * rows; ++i) {
+        if (isRefilledMarker(bitsOf(pixels[i]))) {
+            unfilledMarkers.push_back(i);
+        }
+    }
+    const size_t marked = unfilledMarkers.size();
+    // One ring per round: every pixel with an unmarked neighbour takes their mean, and only
+    // then are the values written, so that a round does not depend on the order of the list.
+    bool progress = true;
+    while (!unfilledMarkers.empty() && progress) {
+        ringValues.assign(unfilledMarkers.size(), 0.0f);
+        progress = false;
+        for (size_t k = 0; k < unfilledMarkers.size(); ++k) {
+            const int x = unfilledMarkers[k] % columns;
+            const int y = unfilledMarkers[k] / columns;
+            float sum = 0.0f;
+            int count = 0;
+            for (int ny = std::max(y - 1, 0); ny <= std::min(y + 1, rows - 1); ++ny) {
+                for (int nx = std::max(x - 1, 0); nx <= std::min(x + 1, columns - 1); ++nx) {
+                    const float neighbour = pixels[ny * columns + nx];
+                    if (!isRefilledMarker(bitsOf(neighbour))) {
+                        sum += neighbour;
+                        ++count;
+                    }
+                }
+            }
+            ringValues[k] =
+                count > 0 ? sum / static_cast<float>(count) : pixels[unfilledMarkers[k]];
+            progress |= count > 0;
+        }
+        size_t kept = 0;
+        for (size_t k = 0; k < unfilledMarkers.size(); ++k) {
+            pixels[unfilledMarkers[k]] = ringValues[k];
+            if (isRefilledMarker(bitsOf(ringValues[k]))) {
+                unfilledMarkers[kept++] = unfilledMarkers[k];
+            }
+        }
+        unfilledMarkers.resize(kept);
+    }
+    return static_cast<int>(marked - unfilledMarkers.size());
 }
 
 bool SuperResolutionBadPixelHandling::meanOfGoodFramePixels_(

@@ -37,6 +37,8 @@ public:
     // Raw sensor counts have a wider valid range than temperatures.
     void setDataIsNUC(bool value);
     bool getDataIsNUC() const { return dataIsNUC; }
+    // Any other valid range; the caller checks that minimum lies below maximum.
+    void setValidRange(float minimum, float maximum);
     float getValidMin() const { return validMin; }
     float getValidMax() const { return validMax; }
 
@@ -61,6 +63,13 @@ public:
     // reach. Throws kelvo::Exception when no defect map is stored.
     void replaceMaskedPixel(cv::Mat_<float>& result, const std::vector<cv::Point_<float>>& shifts,
                             const std::vector<cv::Mat_<float>>& frames);
+
+    // Fills the marked result pixels that no frame could refill (a cluster of defects covers
+    // them in every frame) with the mean of their unmarked eight-neighbours, ring by ring from
+    // the edge of each marked region inwards, so that no marker, a value near zero, stays in the
+    // result. Returns the number of pixels filled; an image without an unmarked pixel is left
+    // as it is.
+    int fillRemainingMarkers(cv::Mat_<float>& result);
 
     // Paints 129 markers red and 130 markers blue into a colour view of the image, as far
     // as both extend.
@@ -106,6 +115,9 @@ private:
     // The defects of the frame being repaired, in row-major order; kept as a member so
     // that its capacity serves all later frames.
     std::vector<Defect> defects;
+    // The marked result pixels still to fill, and the values of one ring; reused likewise.
+    std::vector<int> unfilledMarkers;
+    std::vector<float> ringValues;
 };
 
 }  // namespace kelvo::vision

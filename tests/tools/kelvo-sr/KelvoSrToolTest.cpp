@@ -232,13 +232,18 @@ TEST_F(KelvoSrTool, BurstRejectsBadInputWithAClearMessage) {
     expectFailure("burst" + joined(raws) + " --size 64x48",
                   "Headerless raw frames need both --size WxH and --type.");
 
-    // Every pixel above the highest count: nothing the engine would accept.
+    // Counts taken for temperatures: nothing the engine would accept.
     for (const std::string& raw : raws) {
         writeRaw(path(raw), cv::Mat_<unsigned short>(48, 64, 40000));
     }
-    expectFailure("burst" + joined(raws) + " --size 64x48 --type u16",
-                  "Every pixel of the first frame lies outside -32768..32767, the range of "
-                  "sensor counts the engine accepts");
+    expectFailure("burst" + joined(raws) + " --size 64x48 --type u16 --values temperature",
+                  "Every pixel of the first frame lies outside -274..5000, the temperature range "
+                  "the engine accepts: use --values counts for raw sensor counts.");
+    // Flat frames offer registration nothing to track: no result is written.
+    expectFailure("burst" + joined(raws) + " --size 64x48 --type u16 -o flat.tiff",
+                  "No frame could be matched to the reference frame frame1.raw: it offers no "
+                  "structure to track. No result was written");
+    EXPECT_FALSE(fs::exists(path("flat.tiff")));
 }
 
 TEST_F(KelvoSrTool, SequenceWritesOneResultPerFrameFromTheFifth) {
@@ -413,7 +418,7 @@ TEST_F(KelvoSrTool, BadPixelsFailsClearly) {
     expectFailure("badpixels frame.png -o repaired.jpg", "must be a .png or a .tif/.tiff file.");
     std::ofstream(path("outside.csv")) << "64,0\n";
     expectFailure("badpixels frame.png --known outside.csv",
-                  "The known bad pixel (64, 0) on line 1 of 'outside.csv' lies outside the "
+                  "The bad pixel (64, 0) on line 1 of 'outside.csv' lies outside the "
                   "64x48 image.");
     const ToolRun floatRaw = run("badpixels frame.raw --size 64x48 --type f32");
     EXPECT_NE(floatRaw.exitCode, 0);

@@ -28,8 +28,17 @@ struct SparseGeometry {
     int step() const { return static_cast<int>(factor); }
 };
 
-inline void fullConvFromSparse(const SparseGeometry& g, const float* lowRes, const float* psfX,
-                               const float* psfY, const char* mask, float* out) {
+// A mask value as a multiplier: bytes are signed, float masks are taken as they are.
+inline float maskValue(char m) {
+    return static_cast<float>(static_cast<signed char>(m));
+}
+inline float maskValue(float m) {
+    return m;
+}
+
+template <typename Mask>
+void fullConvFromSparse(const SparseGeometry& g, const float* lowRes, const float* psfX,
+                        const float* psfY, const Mask* mask, float* out) {
     const int w = g.lrWidth();
     const int h = g.lrHeight();
     std::vector<float> scratch(static_cast<size_t>(g.fullHeight()) * w, 0.0f);
@@ -38,9 +47,7 @@ inline void fullConvFromSparse(const SparseGeometry& g, const float* lowRes, con
         const float k = psfY[i];
         for (int r = 0; r < h; ++r) {
             for (int c = 0; c < w; ++c) {
-                scratch[(2 * r + i) * w + c] +=
-                    static_cast<float>(static_cast<signed char>(mask[r * w + c])) *
-                    lowRes[r * w + c] * k;
+                scratch[(2 * r + i) * w + c] += maskValue(mask[r * w + c]) * lowRes[r * w + c] * k;
             }
         }
     }
@@ -93,10 +100,12 @@ double sumInLanes(int count, Term term) {
     return sum;
 }
 
-// The whole reconstruction with the parameters of a default SrFloatMinimization.
-class Minimization {
+// The whole reconstruction with the parameters of a default SrFloatMinimization, for
+// byte or float masks.
+template <typename Mask>
+class BasicMinimization {
 public:
-    Minimization(int lrWidth, int lrHeight, float factor)
+    BasicMinimization(int lrWidth, int lrHeight, float factor)
         : w(lrWidth),
           h(lrHeight),
           factor(factor),
@@ -233,7 +242,7 @@ public:
     }
 
     int minimize(int numFrames, int refIndex, float** frames, const cv::Point_<float>* shifts,
-                 char** frameMasks, int maxIter, float relRes, float* result) {
+                 Mask** frameMasks, int maxIter, float relRes, float* result) {
         const int n = w * h;
         const float* ref = frames[refIndex];
         const double mean = sumInLanes(n, [&](int i) { return static_cast<double>(ref[i]); }) / n;
@@ -345,7 +354,7 @@ private:
     std::vector<float> basePsf;
     std::vector<std::vector<float>> psfX;
     std::vector<std::vector<float>> psfY;
-    std::vector<char*> masks;
+    std::vector<Mask*> masks;
     std::vector<float> right;
     std::vector<float> down;
     std::vector<float> downLeft;
@@ -353,5 +362,7 @@ private:
     std::vector<float> centre;
     int restartCount = 0;
 };
+
+using Minimization = BasicMinimization<char>;
 
 }  // namespace kelvo::vision::plain

@@ -47,7 +47,8 @@ Problem randomProblem(int lrWidth, int lrHeight, float factor, int taps, bool an
     for (float& v : p.lowRes) {
         v = value(random);
     }
-    const char choices[] = {0, 1, 1, 1, 2, -1};
+    // char is unsigned on ARM: -1 is written as its byte 0xFF, which the operators read as signed.
+    const char choices[] = {0, 1, 1, 1, 2, static_cast<char>(-1)};
     for (char& m : p.mask) {
         m = choices[random() % (anyMask ? 6 : 4)];
     }

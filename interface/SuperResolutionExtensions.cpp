@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "interface/SuperResolutionExtensions.h"
+
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "interface/ContextTable.h"
+
+namespace {
+
+using kelvo::interface::ContextRecord;
+using kelvo::interface::liveRecord;
+using kelvo::interface::rejectInvalidContext;
+using kelvo::interface::setError;
+
+int reject(const std::string& message) {
+    setError(message);
+    return SR_ERROR;
+}
+
+// Runs a request on the live record of the handle; the engine's own messages reach the host.
+template <class Request>
+int withRecord(int handle, Request request) {
+    ContextRecord* record = liveRecord(handle);
+    if (record == nullptr) {
+        return rejectInvalidContext();
+    }
+    return kelvo::interface::guarded([&] { return request(*record); },
+                                     "Unknown exception in extension function", true);
+}
+
+bool anyNull(std::initializer_list<const void*> pointers) {
+    for (const void* pointer : pointers) {
+        if (pointer == nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int rejectNull() {
+    return reject("Output pointer is NULL.");
+}
+
+// Copies text with its terminator, or nothing when it does not fit.
+int copyText(const std::string& text, char* buffer, int size) {
+    if (buffer == nullptr) {
+        return rejectNull();
+    }
+    if (size <= 0 || static_cast<size_t>(size) <= text.size()) {
+        return reject("Buffer too small: " + std::to_string(text.size() + 1) + " bytes needed.");
+    }
+    std::memcpy(buffer, text.c_str(), text.size() + 1);
+    return SR_OK;
+}
+
+int rejectNoPass() {
+    return reject("No pass has run on this context yet.");
+}
+
+}  // namespace
+
+extern "C" {
+
+/* ---- Version ---- */
+
+int SuperResolution_getVersion(int* major, int* minor, int* patch) {
+    if (anyNull({major, minor, patch})) {
+        return rejectNull();
+    }
+    *major = KELVO_SUPERRES_VERSION_MAJOR;
+    *minor = KELVO_SUPERRES_VERSION_MINOR;
+    *patch = KELVO_SUPERRES_VERSION_PATCH;
+    return SR_OK;
+}
+
+int SuperResolution_getVersionText(char* buffer, int size) {
+    return copyText(KELVO_SUPERRES_VERSION_TEXT, buffer, size);
+}
+
+/* ---- What the frames hold ---- */
+
+int SuperResolution_setFrameValues(int handle, int values) {
+    return withRecord(handle, [values](ContextRecord& record) {
+        if (values != SR_VALUES_TEMPERATURE && values != SR_VALUES_COUNTS) {
+            return reject("Invalid frame values specified: " + std::to_string(values) +
+                          " (SR_VALUES_TEMPERATURE 0 or SR_VALUES_COUNTS 1).");
+        }
+        record.engine->setDataIsNUC(values == SR_VALUES_COUNTS);
+        return static_cast<int>(SR_OK);
+    });
+}
+
+int SuperResolution_setValidRange(int handle, float minimum, float maximum) {
+    return withRecord(handle, [minimum, maximum](ContextRecord& record) {
+        record.engine->setValidRange(minimum, maximum);
+        return static_cast<int>(SR_OK);
+    });
+}
+
+int SuperResolution_getValidRange(int handle, float* minimum, float* maximum) {
+    return withRecord(handle, [minimum, maximum](ContextRecord& record) {
+        if (anyNull({minimum, maximum})) {
+            return rejectNull();
+        }
+        *minimum = record.engine->getBadPixelHandling().getValidMin();
+        *maximum = record.engine->getBadPixelHandling().getValidMax();
+        return static_cast<int>(SR_OK);
+    });
+}
+
+/* ---- Known defective pixels ---- */
+
+int SuperResolution_setDefectivePixels(int handle, const int* positions, int count) {
+    return withRecord(handle, [positions, count](ContextRecord& record) {
+        if (count < 0) {
+            return reject("Invalid number of defective pixels specified: " + std::to_string(count) +
+                          ".");
+        }
+        if (count > 0 && positions == nullptr) {
+            return reject("Defective pixel positions pointer is NULL.");
+        }
+        std::vector<cv::Point> list(static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i) {
+            list[i] = cv::Point(positions[2 * i], positions[2 * i + 1]);
+        }
+        record.knownBadPixels.set(list, cv::Size(record.width, record.height));
+        return static_cast<int>(SR_OK);
+    });
+}
+
+int SuperResolution_getDefectivePixelCount(int handle, int* count) {
+    return withRecord(handle, [count](ContextRecord& record) {
+        if (count == nullptr) {
+            return rejectNull();
+        }
+        *count = record.knownBadPixels.count();
+        return static_cast<int>(SR_OK);
+    });
+}
+
+/* ---- The last pass ---- */
+
+int SuperResolution_getLastPass(int handle, int* status, float* factorEstimate, int* frameCount,
+                                int* referencePosition) {
+    return withRecord(handle, [=](ContextRecord& record) {
+        if (anyNull({status, factorEstimate, frameCount, referencePosition})) {
+            return rejectNull();
+        }
+        if (record.lastPassFrames < 0) {
+            return rejectNoPass();
+        }
+        // A successful pass returns its factor estimate, which is never below 0.75.
+        *status = record.lastPassResult > 0.0f ? 0 : static_cast<int>(record.lastPassResult);
+        *factorEstimate = record.engine->getLastSrFactor();
+        *frameCount = record.lastPassFrames;
+        *referencePosition = record.lastPassReference;
+        return static_cast<int>(SR_OK);
+    });
+}
+
+int SuperResolution_getLastPassFrame(int handle, int frame, float* shiftX, float* shiftY,
+                                     float* validFraction) {
+    return withRecord(handle, [=](ContextRecord& record) {
+        if (anyNull({shiftX, shiftY, validFraction})) {
+            return rejectNull();
+        }
+        if (record.lastPassFrames < 0) {
+            return rejectNoPass();
+        }
+        if (frame < 0 || frame >= record.lastPassFrames) {
+            return reject("Invalid frame " + std::to_string(frame) + ": the last pass used " +
+                          std::to_string(record.lastPassFrames) + " frames.");
+        }
+        std::vector<cv::Point_<float>> shifts;
+        record.engine->getCompleteShifts(shifts);
+        const cv::Point_<float> shift =
+            frame < static_cast<int>(shifts.size()) ? shifts[frame] : cv::Point_<float>();
+        const int pixels = record.engine->getInputSize();
+        const char* mask = record.engine->getMask(frame);
+        int valid = 0;
+        for (int p = 0; p < pixels; ++p) {
+            valid += mask[p] != 0;
+        }
+        *shiftX = shift.x;
+        *shiftY = shift.y;
+        *validFraction = static_cast<float>(valid) / static_cast<float>(pixels);
+        return static_cast<int>(SR_OK);
+    });
+}
+
+/* ---- Sensor blur and reference frame ---- */
+
+int SuperResolution_setPsfSigma(int handle, float sigma) {
+    return withRecord(handle, [sigma](ContextRecord& record) {
+        if (!std::isfinite(sigma)) {
+            throw "Invalid standard deviation of the sensor psf specified.";
+        }
+        record.engine->setPsfSigma(sigma);
+        return static_cast<int>(SR_OK);
+    });
+}
+
+int SuperResolution_getPsfSigma(int handle, float* sigma) {
+    return withRecord(handle, [sigma](ContextRecord& record) {
+        if (sigma == nullptr) {
+            return rejectNull();
+        }
+        *sigma = record.engine->getPsfSigma();
+        return static_cast<int>(SR_OK);
+    });
+}
+
+int SuperResolution_setReferenceFrameChecked(int handle, int index) {
+    return withRecord(handle, [index](ContextRecord& record) {
+        record.engine->setReferenceIndex(index);
+        return static_cast<int>(SR_OK);
+    });
+}
+
+int SuperResolution_getReferenceFrame(int handle, int* index) {
+    return withRecord(handle, [index](ContextRecord& record) {
+        if (index == nullptr) {
+            return rejectNull();
+        }
+        *index = record.engine->getReferenceIndex();
+        return static_cast<int>(SR_OK);
+    });
+}
+
+/* ---- Timing lines ---- */
+
+int SuperResolution_setTimingLines(int handle, int destination,
+                                   SuperResolutionLineCallback callback, void* user) {
+    return withRecord(handle, [=](ContextRecord& record) {
+        kelvo::vision::TimingSink& sink = record.engine->getTimingSink();
+        switch (destination) {
+            case SR_TIMING_STANDARD_OUTPUT:
+            case SR_TIMING_NONE:
+                if (callback != nullptr) {
+                    return reject("A timing-line callback is only taken with SR_TIMING_CALLBACK.");
+                }
+                if (destination == SR_TIMING_NONE) {
+                    sink.toNowhere();
+                } else {
+                    sink.toStandardOutput();
+                }
+                return static_cast<int>(SR_OK);
+            case SR_TIMING_CALLBACK:
+                if (callback == nullptr) {
+                    return reject("Timing-line callback is NULL.");
+                }
+                sink.toCallback(callback, user);
+                return static_cast<int>(SR_OK);
+            default:
+                return reject("Invalid timing-line destination specified: " +
+                              std::to_string(destination) + ".");
+        }
+    });
+}
+
+}  // extern "C"
