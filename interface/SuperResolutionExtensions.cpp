@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interface/SuperResolutionExtensions.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "interface/ContextTable.h"
+#include "vision/superresolution/PsfSigmaEstimator.h"
 
 namespace {
 
@@ -226,6 +228,27 @@ int SuperResolution_getReferenceFrame(int handle, int* index) {
             return rejectNull();
         }
         *index = record.engine->getReferenceIndex();
+        return static_cast<int>(SR_OK);
+    });
+}
+
+/* ---- Sensor blur estimate ---- */
+
+int SuperResolution_estimatePsfSigma(int handle, float* sigma) {
+    return withRecord(handle, [sigma](ContextRecord& record) {
+        if (sigma == nullptr) {
+            return rejectNull();
+        }
+        const auto& engine = *record.engine;
+        const int held = engine.getStoredFrames();
+        std::vector<cv::Mat_<float>> frames;
+        for (int position = 0; position < held; ++position) {
+            frames.emplace_back(engine.getHeight(), engine.getWidth(),
+                                const_cast<float*>(engine.getFrame(position)));
+        }
+        // The pass's own choice of reference among the frames held.
+        const int reference = std::max(held - engine.getReferenceIndex() - 1, 0);
+        *sigma = kelvo::vision::PsfSigmaEstimator().estimate(frames, reference);
         return static_cast<int>(SR_OK);
     });
 }
