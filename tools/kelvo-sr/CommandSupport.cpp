@@ -1,5 +1,6 @@
 #include "tools/kelvo-sr/CommandSupport.h"
 
+#include <cmath>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -117,7 +118,30 @@ std::unique_ptr<SuperResolver> makeSuperResolver(const EngineOptions& options,
         burst.front().size(), values, options.cameraAndLensType, options.referenceIndex);
     resolver->setVerbose(options.timings);
     resolver->setDefectivePixels(chooseDefectivePixels(options.badPixels, burst, values));
+    if (!options.psfSigma.empty() && options.psfSigma != "auto") {
+        std::size_t used = 0;
+        float sigma = 0.0f;
+        try {
+            sigma = std::stof(options.psfSigma, &used);
+        } catch (const std::exception&) {
+            used = 0;
+        }
+        if (used != options.psfSigma.size() || !(sigma > 0.0f) || !std::isfinite(sigma)) {
+            throw std::runtime_error("--psf-sigma takes auto or a positive number, not \"" +
+                                     options.psfSigma + "\".");
+        }
+        resolver->setPsfSigma(sigma);
+    }
     return resolver;
+}
+
+void estimatePsfSigmaIfAsked(const EngineOptions& options, SuperResolver& resolver,
+                             int framesAdded) {
+    if (options.psfSigma == "auto" && framesAdded == 4) {
+        const float sigma = resolver.estimatePsfSigma();
+        resolver.setPsfSigma(sigma);
+        std::cout << "PSF sigma estimated from the first four frames: " << sigma << std::endl;
+    }
 }
 
 }  // namespace kelvo::tools

@@ -43,4 +43,10 @@ std::unique_ptr<SuperResolver> makeSuperResolver(const EngineOptions& options,
                                                  const std::vector<cv::Mat_<float>>& burst,
                                                  int storedDepth);
 
+// With --psf-sigma auto, estimates the sensor blur once the fourth frame is in and sets
+// it for this and every later pass (the first pass runs at the fifth frame); says so on
+// standard output. Call after every frame added.
+void estimatePsfSigmaIfAsked(const EngineOptions& options, SuperResolver& resolver,
+                             int framesAdded);
+
 }  // namespace kelvo::tools

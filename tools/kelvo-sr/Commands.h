@@ -14,6 +14,9 @@ struct EngineOptions {
     // auto, none, or a CSV table of bad pixels; empty: auto for counts, none for temperatures
     std::string badPixels;
     bool timings = false;
+    // Sensor blur in result pixels: empty for the camera's (or the default), "auto" to
+    // estimate it from the frames, or a number.
+    std::string psfSigma;
 };
 
 struct DemoOptions {
@@ -33,6 +36,9 @@ struct BurstCommandOptions {
     std::string preview;
     std::string compare;
     std::vector<int> crop;  // x, y, width, height in result pixels; empty: the whole image
+    // Choose the reference and leave out the frames that do not match it, instead of
+    // taking the last five frames as they come.
+    bool usableFrames = false;
     EngineOptions engine;
 };
 

@@ -145,6 +145,7 @@ int runSequence(const SequenceOptions& options) {
         const auto start = std::chrono::steady_clock::now();
         const int status = resolver->addFrame(frame);
         ++frames;
+        estimatePsfSigmaIfAsked(options.engine, *resolver, frames);  // once, for every window
         if (frames >= 5) {
             passSeconds +=
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

@@ -73,6 +73,11 @@ public:
     cv::Size frameSize() const { return size; }
     const FrameValues& values() const { return frameValues; }
 
+    // The sensor blur of the passes to come; and its estimate from the frames held
+    // (at least four), which sets nothing.
+    void setPsfSigma(float sigma);
+    float estimatePsfSigma() const;
+
     // The engine's timing lines reach standard output only when verbose.
     void setVerbose(bool value);
 
