@@ -10,6 +10,7 @@
 #include <iomanip>
 #include <iostream>
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/simulator/BurstSimulator.h"
@@ -17,6 +18,7 @@
 #include "vision/superresolution/PsfSigmaEstimator.h"
 #include "vision/superresolution/SrFloat.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
+#include "vision/superresolution/UsableFrameSelector.h"
 
 namespace {
 
@@ -130,6 +132,76 @@ void BM_RealSceneQuality(benchmark::State& state) {
 }
 BENCHMARK(BM_RealSceneQuality)
     ->ArgName("optics")
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+// Burst E of the real flight, whose frame 00529 shows another place. Without the
+// selection the engine's window is the last five frames, with 00529 as its reference;
+// with it, the usable frames nearest the most consistent one. The counters give the
+// pass's status and how far the result, taken back to the sensor grid, departs from its
+// reference frame (grey levels, mean absolute); the time is that of the selection.
+namespace {
+
+const fs::path kBurstE = fs::path(KELVO_SHARED_DATA_DIR) / "hit-uav/bursts/E_1_60_60_00524-00532";
+
+void BM_BurstEUsableFrames(benchmark::State& state) {
+    const bool select = state.range(0) != 0;
+    std::vector<fs::path> files;
+    if (fs::is_directory(kBurstE)) {
+        for (const auto& entry : fs::directory_iterator(kBurstE)) {
+            files.push_back(entry.path());
+        }
+    }
+    if (files.size() != 9) {
+        state.SkipWithError("burst E not found");
+        return;
+    }
+    std::sort(files.begin(), files.end());
+    std::vector<cv::Mat_<float>> frames;
+    for (const auto& file : files) {
+        cv::Mat_<float> frame;
+        cv::imread(file.string(), cv::IMREAD_GRAYSCALE).convertTo(frame, CV_32F);
+        frames.push_back(frame);
+    }
+    std::vector<int> window = {4, 5, 6, 7, 8};
+    int reference = 5;  // window position 1: the C interface's reference index 3
+    for (auto _ : state) {
+        if (select) {
+            const auto selection = kelvo::vision::UsableFrameSelector().select(frames);
+            reference = selection.reference;
+            window = selection.usable;
+        }
+    }
+    // The five usable frames nearest the reference.
+    std::stable_sort(window.begin(), window.end(), [&](int a, int b) {
+        return std::abs(a - reference) < std::abs(b - reference);
+    });
+    window.resize(std::min<std::size_t>(window.size(), 5));
+    std::sort(window.begin(), window.end());
+    const int position =
+        static_cast<int>(std::find(window.begin(), window.end(), reference) - window.begin());
+
+    kelvo::tools::QuietStandardOutput silenced;
+    Engine engine(frames[0].cols, frames[0].rows, static_cast<int>(window.size()), 2.0f);
+    engine.setReferenceIndex(static_cast<int>(window.size()) - 1 - position);
+    engine.setRegError(0.0001f);
+    for (int k : window) {
+        engine.addFrame(frames[k]);
+    }
+    cv::Mat_<float> result, back;
+    const float status = engine.computeSR(result);
+    cv::resize(result, back, frames[reference].size(), 0, 0, cv::INTER_AREA);
+    const cv::Rect inside(16, 16, back.cols - 32, back.rows - 32);
+    state.counters["status"] = status < 0.0f ? status : 0.0;
+    state.counters["reference"] = reference;
+    state.counters["departure"] = cv::mean(cv::abs(back(inside) - frames[reference](inside)))[0];
+}
+BENCHMARK(BM_BurstEUsableFrames)
+    ->ArgName("usable")
     ->Arg(0)
     ->Arg(1)
     ->Iterations(1)
