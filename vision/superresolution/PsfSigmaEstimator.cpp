@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <numeric>
 #include <opencv2/imgproc.hpp>
 #include <stdexcept>
 
@@ -89,7 +90,120 @@ double kernelPower(const std::vector<float>& taps, double f) {
 // frequencies, and its radial band.
 struct Sample {
     int x, y, band;
+    double power;
+    double noiseFactor;  // what the separation multiplies the noise variance by
 };
+
+// The separated spectrum of the blurred scene: its components, and the frequencies their
+// indices stand for.
+struct Components {
+    std::vector<double> horizontal;  // 2 per crop column: the two aliases
+    std::vector<double> vertical;    // 2 per crop row
+    std::vector<Sample> samples;
+    double noiseVariance = 0.0;  // of one real component of a frame's spectrum
+};
+
+// Spectra of the crops under a Hann window, the mean removed so that the window's own
+// spectrum does not swamp the low frequencies.
+std::vector<cv::Mat> windowedSpectra(const std::vector<cv::Mat_<float>>& frames, cv::Rect crop) {
+    cv::Mat_<double> window;
+    cv::createHanningWindow(window, crop.size(), CV_64F);
+    std::vector<cv::Mat> spectra(frames.size());
+    for (std::size_t k = 0; k < frames.size(); ++k) {
+        cv::Mat_<double> frame;
+        frames[k](crop).convertTo(frame, CV_64F);
+        frame -= cv::mean(frame)[0];
+        cv::dft(frame.mul(window), spectra[k], cv::DFT_COMPLEX_OUTPUT);
+    }
+    return spectra;
+}
+
+// Alias separation at every crop frequency: Y = V Z written with real and imaginary parts
+// apart (2N equations, 8 unknowns) and solved by least squares.
+Components separateAliases(const std::vector<cv::Mat>& spectra,
+                           const std::vector<cv::Point2f>& shifts, cv::Size size) {
+    const int count = static_cast<int>(spectra.size());
+    Components components;
+    components.horizontal.resize(2 * size.width);
+    components.vertical.resize(2 * size.height);
+    for (int u = 0; u < size.width; ++u) {
+        const auto f = aliases(signedFrequency(u, size.width));
+        std::copy(f.begin(), f.end(), components.horizontal.begin() + 2 * u);
+    }
+    for (int v = 0; v < size.height; ++v) {
+        const auto f = aliases(signedFrequency(v, size.height));
+        std::copy(f.begin(), f.end(), components.vertical.begin() + 2 * v);
+    }
+    const int rows = 2 * count;
+    cv::Mat_<double> a(rows, 8), b(rows, 1), normal, inverse, z;
+    double residualSum = 0.0;
+    int solved = 0;
+    for (int v = 0; v < size.height; ++v) {
+        const double* fy = &components.vertical[2 * v];
+        for (int u = 0; u < size.width; ++u) {
+            const double* fx = &components.horizontal[2 * u];
+            for (int k = 0; k < count; ++k) {
+                const cv::Vec2d y = spectra[k].at<cv::Vec2d>(v, u);
+                b(k, 0) = y[0];
+                b(k + count, 0) = y[1];
+                for (int j = 0; j < 4; ++j) {
+                    const double phase =
+                        -4.0 * kPi * (fx[j % 2] * shifts[k].x + fy[j / 2] * shifts[k].y);
+                    const double re = std::cos(phase), im = std::sin(phase);
+                    a(k, j) = re;
+                    a(k, j + 4) = -im;
+                    a(k + count, j) = im;
+                    a(k + count, j + 4) = re;
+                }
+            }
+            cv::mulTransposed(a, normal, true);
+            if (cv::invert(normal, inverse, cv::DECOMP_CHOLESKY) == 0.0 ||
+                inverse(0, 0) + inverse(1, 1) + inverse(2, 2) + inverse(3, 3) > kMaxNoiseGain) {
+                continue;
+            }
+            z = inverse * (a.t() * b);
+            residualSum += cv::norm(b - a * z, cv::NORM_L2SQR);
+            ++solved;
+            for (int j = 0; j < 4; ++j) {
+                const double f = std::hypot(fx[j % 2], fy[j / 2]);
+                const int band = static_cast<int>((f - kLowest) / (0.5 - kLowest) * kBands);
+                if (f >= kLowest && band < kBands && std::abs(fx[j % 2]) <= kHighest &&
+                    std::abs(fy[j / 2]) <= kHighest) {
+                    components.samples.push_back({2 * u + j % 2, 2 * v + j / 2, band,
+                                                  z(j, 0) * z(j, 0) + z(j + 4, 0) * z(j + 4, 0),
+                                                  inverse(j, j) + inverse(j + 4, j + 4)});
+                }
+            }
+        }
+    }
+    // The residual has 2N - 8 degrees of freedom per frequency; with four frames there
+    // are none, and the noise stays in the powers.
+    if (count > 4 && solved > 0) {
+        components.noiseVariance = residualSum / (static_cast<double>(solved) * (rows - 8));
+    }
+    return components;
+}
+
+// Root mean square distance, in natural log units, between the bands' power divided by
+// the kernel's mean response and the scene's power spectrum with its best scale c.
+double sceneMisfit(const std::vector<PsfSigmaEstimator::Band>& bands,
+                   const std::vector<double>& response,
+                   const PsfSigmaEstimator::Settings& settings) {
+    std::vector<double> misfit(bands.size());
+    for (std::size_t i = 0; i < bands.size(); ++i) {
+        const double f = bands[i].frequency;
+        const double sceneBlur = 2.0 * kPi * settings.sceneSigma * f;
+        misfit[i] = std::log(bands[i].power) - std::log(std::max(response[i], 1e-300)) +
+                    settings.sceneSlope * std::log(f) + sceneBlur * sceneBlur;
+    }
+    // The best log c is the mean.
+    const double scale = std::accumulate(misfit.begin(), misfit.end(), 0.0) / misfit.size();
+    double squared = 0.0;
+    for (double value : misfit) {
+        squared += (value - scale) * (value - scale);
+    }
+    return std::sqrt(squared / misfit.size());
+}
 
 }  // namespace
 
@@ -159,164 +273,64 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
             "The PSF sigma needs at least four frames with a shift each and a reference.");
     }
     const cv::Rect crop = mostTexturedCrop(registered[referencePosition], settings.crop);
+    const Components components =
+        separateAliases(windowedSpectra(registered, crop), subPixelShifts, crop.size());
 
-    // Spectra of the windowed crops (mean removed, so the window's own spectrum does not
-    // swamp the low frequencies).
-    cv::Mat_<double> window;
-    cv::createHanningWindow(window, crop.size(), CV_64F);
-    std::vector<cv::Mat> spectra(count);
-    for (int k = 0; k < count; ++k) {
-        cv::Mat_<double> frame;
-        registered[k](crop).convertTo(frame, CV_64F);
-        frame -= cv::mean(frame)[0];
-        cv::dft(frame.mul(window), spectra[k], cv::DFT_COMPLEX_OUTPUT);
-    }
-
-    // Alias separation at every crop frequency: Y = V Z in real form, by least squares.
-    const int rows = 2 * count;
-    cv::Mat_<double> a(rows, 8), b(rows, 1), normal, inverse, z;
-    std::vector<Sample> samples;
-    std::vector<double> horizontal(2 * crop.width), vertical(2 * crop.height);
-    for (int u = 0; u < crop.width; ++u) {
-        const auto f = aliases(signedFrequency(u, crop.width));
-        horizontal[2 * u] = f[0];
-        horizontal[2 * u + 1] = f[1];
-    }
-    for (int v = 0; v < crop.height; ++v) {
-        const auto f = aliases(signedFrequency(v, crop.height));
-        vertical[2 * v] = f[0];
-        vertical[2 * v + 1] = f[1];
-    }
-    std::vector<double> power, noiseFactor;
-    double residualSum = 0.0;
-    int solved = 0;
-    for (int v = 0; v < crop.height; ++v) {
-        const auto fy = aliases(signedFrequency(v, crop.height));
-        for (int u = 0; u < crop.width; ++u) {
-            const auto fx = aliases(signedFrequency(u, crop.width));
-            for (int k = 0; k < count; ++k) {
-                const cv::Vec2d y = spectra[k].at<cv::Vec2d>(v, u);
-                b(k, 0) = y[0];
-                b(k + count, 0) = y[1];
-                for (int j = 0; j < 4; ++j) {
-                    const double phase =
-                        -4.0 * kPi *
-                        (fx[j % 2] * subPixelShifts[k].x + fy[j / 2] * subPixelShifts[k].y);
-                    const double re = std::cos(phase), im = std::sin(phase);
-                    a(k, j) = re;
-                    a(k, j + 4) = -im;
-                    a(k + count, j) = im;
-                    a(k + count, j + 4) = re;
-                }
-            }
-            cv::mulTransposed(a, normal, true);
-            if (cv::invert(normal, inverse, cv::DECOMP_CHOLESKY) == 0.0 ||
-                inverse(0, 0) + inverse(1, 1) + inverse(2, 2) + inverse(3, 3) > kMaxNoiseGain) {
-                continue;
-            }
-            z = inverse * (a.t() * b);
-            residualSum += cv::norm(b - a * z, cv::NORM_L2SQR);
-            ++solved;
-            for (int j = 0; j < 4; ++j) {
-                const double f = std::hypot(fx[j % 2], fy[j / 2]);
-                const int band = static_cast<int>((f - kLowest) / (0.5 - kLowest) * kBands);
-                if (f < kLowest || band >= kBands || std::abs(fx[j % 2]) > kHighest ||
-                    std::abs(fy[j / 2]) > kHighest) {
-                    continue;
-                }
-                samples.push_back({2 * u + j % 2, 2 * v + j / 2, band});
-                power.push_back(z(j, 0) * z(j, 0) + z(j + 4, 0) * z(j + 4, 0));
-                noiseFactor.push_back(inverse(j, j) + inverse(j + 4, j + 4));
-            }
-        }
-    }
-    // Noise variance of one real component, from the residual's 2N - 8 degrees of
-    // freedom per frequency (none with four frames: the noise then stays in).
-    const double noiseVariance =
-        count > 4 && solved > 0 ? residualSum / (static_cast<double>(solved) * (rows - 8)) : 0.0;
-
-    std::vector<double> bandPower(kBands, 0.0), bandNoise(kBands, 0.0), bandFrequency(kBands, 0.0);
-    std::vector<int> bandCount(kBands, 0);
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        const int band = samples[i].band;
-        bandPower[band] += power[i];
-        bandNoise[band] += noiseVariance * noiseFactor[i];
-        bandFrequency[band] += std::hypot(horizontal[samples[i].x], vertical[samples[i].y]);
-        ++bandCount[band];
+    // Radial bands with enough components and power well above the noise's share.
+    std::vector<double> power(kBands, 0.0), noise(kBands, 0.0), frequency(kBands, 0.0);
+    std::vector<int> members(kBands, 0);
+    for (const Sample& sample : components.samples) {
+        power[sample.band] += sample.power;
+        noise[sample.band] += components.noiseVariance * sample.noiseFactor;
+        frequency[sample.band] +=
+            std::hypot(components.horizontal[sample.x], components.vertical[sample.y]);
+        ++members[sample.band];
     }
     spectrum.clear();
-    std::vector<int> usedBands(kBands, -1);
-    std::vector<double> usedCount;
+    std::vector<int> bandIndex(kBands, -1);
     for (int band = 0; band < kBands; ++band) {
-        if (bandCount[band] < 8) {
-            continue;
-        }
-        const double n = bandCount[band];
-        const Band entry{bandFrequency[band] / n, (bandPower[band] - bandNoise[band]) / n,
-                         bandNoise[band] / n};
-        if (entry.power > kSignalToNoise * entry.noise && entry.power > 0.0) {
-            usedBands[band] = static_cast<int>(spectrum.size());
+        const double n = members[band];
+        const Band entry{frequency[band] / n, (power[band] - noise[band]) / n, noise[band] / n};
+        if (members[band] >= 8 && entry.power > kSignalToNoise * entry.noise && entry.power > 0.0) {
+            bandIndex[band] = static_cast<int>(spectrum.size());
             spectrum.push_back(entry);
-            usedCount.push_back(n);
         }
     }
     if (spectrum.size() < 4) {
         throw std::runtime_error("The frames show too little structure to estimate the PSF sigma.");
     }
 
-    // For every candidate sigma: the kernel's mean power response per band, then the
-    // best line log P = log c - alpha log f + log |H|^2 by least squares.
+    // Every candidate sigma: the kernel's mean power response per band, and how well the
+    // spectrum divided by it follows the scene's.
     SrFloatMinimization kernelSource(4, 4, 1, 2.0f);
     float bestSigma = settings.minSigma;
     bestFitError = std::numeric_limits<double>::infinity();
     const int candidates = std::max(2, settings.candidates);
     const double step =
         std::log(settings.maxSigma / settings.minSigma) / static_cast<double>(candidates - 1);
+    std::vector<double> horizontalResponse(components.horizontal.size());
+    std::vector<double> verticalResponse(components.vertical.size());
     std::vector<double> response(spectrum.size());
-    std::vector<double> horizontalResponse(horizontal.size()), verticalResponse(vertical.size());
     for (int c = 0; c < candidates; ++c) {
         const float sigma = static_cast<float>(settings.minSigma * std::exp(step * c));
         kernelSource.setPsfSigma(sigma);
         const std::vector<float> taps(kernelSource.getBasePsf(),
                                       kernelSource.getBasePsf() + kernelSource.getPsfSize());
-        for (std::size_t i = 0; i < horizontal.size(); ++i) {
-            horizontalResponse[i] = kernelPower(taps, horizontal[i]);
+        for (std::size_t i = 0; i < horizontalResponse.size(); ++i) {
+            horizontalResponse[i] = kernelPower(taps, components.horizontal[i]);
         }
-        for (std::size_t i = 0; i < vertical.size(); ++i) {
-            verticalResponse[i] = kernelPower(taps, vertical[i]);
+        for (std::size_t i = 0; i < verticalResponse.size(); ++i) {
+            verticalResponse[i] = kernelPower(taps, components.vertical[i]);
         }
         std::fill(response.begin(), response.end(), 0.0);
-        for (const Sample& sample : samples) {
-            if (usedBands[sample.band] >= 0) {
-                response[usedBands[sample.band]] +=
-                    horizontalResponse[sample.x] * verticalResponse[sample.y];
+        for (const Sample& sample : components.samples) {
+            if (bandIndex[sample.band] >= 0) {
+                response[bandIndex[sample.band]] += horizontalResponse[sample.x] *
+                                                    verticalResponse[sample.y] /
+                                                    members[sample.band];
             }
         }
-        // The scene's share: log P - log mean |H|^2 + (2 pi sigma0 f)^2 = log c - alpha log f,
-        // with alpha fitted or fixed, log c fitted.
-        double sx = 0.0, sy = 0.0, sxx = 0.0, sxy = 0.0;
-        const double n = static_cast<double>(spectrum.size());
-        std::vector<double> xs(spectrum.size()), ys(spectrum.size());
-        for (std::size_t i = 0; i < spectrum.size(); ++i) {
-            const double f = spectrum[i].frequency;
-            const double sceneBlur = 2.0 * kPi * settings.sceneSigma * f;
-            xs[i] = std::log(f);
-            ys[i] = std::log(spectrum[i].power) -
-                    std::log(std::max(response[i] / usedCount[i], 1e-300)) + sceneBlur * sceneBlur;
-            sx += xs[i];
-            sy += ys[i];
-            sxx += xs[i] * xs[i];
-            sxy += xs[i] * ys[i];
-        }
-        const double slope = settings.fitSceneSlope ? (n * sxy - sx * sy) / (n * sxx - sx * sx)
-                                                    : -settings.sceneSlope;
-        const double offset = (sy - slope * sx) / n;
-        double squared = 0.0;
-        for (std::size_t i = 0; i < spectrum.size(); ++i) {
-            const double miss = ys[i] - offset - slope * xs[i];
-            squared += miss * miss;
-        }
-        const double error = std::sqrt(squared / n);
+        const double error = sceneMisfit(spectrum, response, settings);
         if (error < bestFitError) {
             bestFitError = error;
             bestSigma = sigma;

@@ -19,12 +19,19 @@ namespace kelvo::vision {
 // With four frames or more at distinct shifts this separates, by least squares at each
 // frame frequency, the spectrum of u over the whole band the result can hold (up to
 // half a cycle per high-resolution pixel, twice the frames' Nyquist limit); the
-// residual of the fit measures the noise, whose share is taken off the powers. The
-// data alone cannot tell blur from scene (u is all they show), so the scene is taken
-// to have the power spectrum of natural images, c |f|^-alpha: the sigma is the one
-// whose PSF response |H_sigma(f)|^2, times the best such power law, fits the radial
-// power spectrum of u best in the log domain. H_sigma is the reconstruction's own
-// kernel for that sigma, so the estimate is the sigma that suits the pass.
+// residual of the fit measures the noise, whose share is taken off the powers.
+//
+// The data alone cannot tell blur from scene (u is all they show: a sharper scene
+// behind more blur looks the same), so the estimate rests on what real thermal scenes
+// look like at the result's resolution: a power spectrum c |f|^-a exp(-(2 pi s0 f)^2).
+// The sigma is the one whose PSF response |H_sigma(f)|^2 (the reconstruction's own
+// kernel, so that the estimate suits the pass), times that spectrum with its best c,
+// fits the radial power spectrum of u best in the log domain. a and s0 come from real
+// thermal stills: their spectra fall with a = 3.2 .. 4.0 (3.5 typical) and an own blur
+// of s0 = 0.3 .. 0.6; s0 = 0.7 recovers known sigmas on bursts simulated from one of
+// them (the others held out). A scene blurred itself (defocus, fog, smooth surfaces
+// only) therefore reads as more sensor blur, and a scene sharper than such stills as
+// less.
 //
 // Cost: one registration of the whole frames, one DFT of a crop per frame (by default
 // the most textured 128 x 128 frame pixels) and one 8 x 8 least-squares solve per
@@ -43,7 +50,6 @@ public:
         // stills (the blur of their own optics included).
         double sceneSlope = 3.5;
         double sceneSigma = 0.7;
-        bool fitSceneSlope = false;
     };
     // One radial band of the separated spectrum.
     struct Band {
