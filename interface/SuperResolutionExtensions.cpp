@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -85,41 +86,46 @@ int SuperResolution_getVersionText(char* buffer, int size) {
 /* ---- What the frames hold ---- */
 
 int SuperResolution_setFrameValues(int handle, int values) {
-    return withRecord(handle, [values](ContextRecord& record) {
+    return withRecord(handle, [values](ContextRecord& record) -> int {
         if (values != SR_VALUES_TEMPERATURE && values != SR_VALUES_COUNTS) {
             return reject("Invalid frame values specified: " + std::to_string(values) +
                           " (SR_VALUES_TEMPERATURE 0 or SR_VALUES_COUNTS 1).");
         }
         record.engine->setDataIsNUC(values == SR_VALUES_COUNTS);
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
 int SuperResolution_setValidRange(int handle, float minimum, float maximum) {
-    return withRecord(handle, [minimum, maximum](ContextRecord& record) {
+    return withRecord(handle, [minimum, maximum](ContextRecord& record) -> int {
         record.engine->setValidRange(minimum, maximum);
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
 int SuperResolution_getValidRange(int handle, float* minimum, float* maximum) {
-    return withRecord(handle, [minimum, maximum](ContextRecord& record) {
+    return withRecord(handle, [minimum, maximum](ContextRecord& record) -> int {
         if (anyNull({minimum, maximum})) {
             return rejectNull();
         }
         *minimum = record.engine->getBadPixelHandling().getValidMin();
         *maximum = record.engine->getBadPixelHandling().getValidMax();
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
 /* ---- Known defective pixels ---- */
 
 int SuperResolution_setDefectivePixels(int handle, const int* positions, int count) {
-    return withRecord(handle, [positions, count](ContextRecord& record) {
+    return withRecord(handle, [positions, count](ContextRecord& record) -> int {
         if (count < 0) {
             return reject("Invalid number of defective pixels specified: " + std::to_string(count) +
                           ".");
+        }
+        if (count > record.width * record.height) {
+            return reject("Invalid number of defective pixels specified: " + std::to_string(count) +
+                          " in a frame of " + std::to_string(record.width * record.height) +
+                          " pixels.");
         }
         if (count > 0 && positions == nullptr) {
             return reject("Defective pixel positions pointer is NULL.");
@@ -129,17 +135,17 @@ int SuperResolution_setDefectivePixels(int handle, const int* positions, int cou
             list[i] = cv::Point(positions[2 * i], positions[2 * i + 1]);
         }
         record.knownBadPixels.set(list, cv::Size(record.width, record.height));
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
 int SuperResolution_getDefectivePixelCount(int handle, int* count) {
-    return withRecord(handle, [count](ContextRecord& record) {
+    return withRecord(handle, [count](ContextRecord& record) -> int {
         if (count == nullptr) {
             return rejectNull();
         }
         *count = record.knownBadPixels.count();
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
@@ -147,7 +153,7 @@ int SuperResolution_getDefectivePixelCount(int handle, int* count) {
 
 int SuperResolution_getLastPass(int handle, int* status, float* factorEstimate, int* frameCount,
                                 int* referencePosition) {
-    return withRecord(handle, [=](ContextRecord& record) {
+    return withRecord(handle, [=](ContextRecord& record) -> int {
         if (anyNull({status, factorEstimate, frameCount, referencePosition})) {
             return rejectNull();
         }
@@ -159,13 +165,13 @@ int SuperResolution_getLastPass(int handle, int* status, float* factorEstimate, 
         *factorEstimate = record.engine->getLastSrFactor();
         *frameCount = record.lastPassFrames;
         *referencePosition = record.lastPassReference;
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
 int SuperResolution_getLastPassFrame(int handle, int frame, float* shiftX, float* shiftY,
                                      float* validFraction) {
-    return withRecord(handle, [=](ContextRecord& record) {
+    return withRecord(handle, [=](ContextRecord& record) -> int {
         if (anyNull({shiftX, shiftY, validFraction})) {
             return rejectNull();
         }
@@ -189,46 +195,46 @@ int SuperResolution_getLastPassFrame(int handle, int frame, float* shiftX, float
         *shiftX = shift.x;
         *shiftY = shift.y;
         *validFraction = static_cast<float>(valid) / static_cast<float>(pixels);
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
 /* ---- Sensor blur and reference frame ---- */
 
 int SuperResolution_setPsfSigma(int handle, float sigma) {
-    return withRecord(handle, [sigma](ContextRecord& record) {
+    return withRecord(handle, [sigma](ContextRecord& record) -> int {
         if (!std::isfinite(sigma)) {
             throw "Invalid standard deviation of the sensor psf specified.";
         }
         record.engine->setPsfSigma(sigma);
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
 int SuperResolution_getPsfSigma(int handle, float* sigma) {
-    return withRecord(handle, [sigma](ContextRecord& record) {
+    return withRecord(handle, [sigma](ContextRecord& record) -> int {
         if (sigma == nullptr) {
             return rejectNull();
         }
         *sigma = record.engine->getPsfSigma();
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
 int SuperResolution_setReferenceFrameChecked(int handle, int index) {
-    return withRecord(handle, [index](ContextRecord& record) {
+    return withRecord(handle, [index](ContextRecord& record) -> int {
         record.engine->setReferenceIndex(index);
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
 int SuperResolution_getReferenceFrame(int handle, int* index) {
-    return withRecord(handle, [index](ContextRecord& record) {
+    return withRecord(handle, [index](ContextRecord& record) -> int {
         if (index == nullptr) {
             return rejectNull();
         }
         *index = record.engine->getReferenceIndex();
-        return static_cast<int>(SR_OK);
+        return SR_OK;
     });
 }
 
@@ -257,7 +263,7 @@ int SuperResolution_estimatePsfSigma(int handle, float* sigma) {
 
 int SuperResolution_setTimingLines(int handle, int destination,
                                    SuperResolutionLineCallback callback, void* user) {
-    return withRecord(handle, [=](ContextRecord& record) {
+    return withRecord(handle, [=](ContextRecord& record) -> int {
         kelvo::vision::TimingSink& sink = record.engine->getTimingSink();
         switch (destination) {
             case SR_TIMING_STANDARD_OUTPUT:
@@ -270,13 +276,13 @@ int SuperResolution_setTimingLines(int handle, int destination,
                 } else {
                     sink.toStandardOutput();
                 }
-                return static_cast<int>(SR_OK);
+                return SR_OK;
             case SR_TIMING_CALLBACK:
                 if (callback == nullptr) {
                     return reject("Timing-line callback is NULL.");
                 }
                 sink.toCallback(callback, user);
-                return static_cast<int>(SR_OK);
+                return SR_OK;
             default:
                 return reject("Invalid timing-line destination specified: " +
                               std::to_string(destination) + ".");

@@ -3,7 +3,7 @@
 # skipping those already present. Run as root on Debian 12.
 set -euo pipefail
 
-packages=(build-essential cmake pkg-config clang-format
+packages=(build-essential cmake pkg-config clang-format clang libclang-rt-14-dev
           libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libsimde-dev)
 
 missing=()

@@ -121,6 +121,9 @@ TEST(SuperResolutionExtensions, EveryFunctionRejectsInvalidHandlesNullPointersAn
                   "A timing-line callback is only taken with SR_TIMING_CALLBACK.");
     expectFailure(SuperResolution_setDefectivePixels(handle, position, -1),
                   "Invalid number of defective pixels specified: -1.");
+    expectFailure(SuperResolution_setDefectivePixels(handle, position, width * height + 1),
+                  "Invalid number of defective pixels specified: 3073 in a frame of 3072 "
+                  "pixels.");
     expectFailure(SuperResolution_setDefectivePixels(handle, nullptr, 1),
                   "Defective pixel positions pointer is NULL.");
     expectFailure(SuperResolution_getLastPass(handle, &i, &f, &i, &i),

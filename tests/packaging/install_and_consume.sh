@@ -21,7 +21,8 @@ cmake --build "$work/cmake-consumer" >/dev/null
 echo "== pkg-config kelvo-superres"
 pc_file=$(find "$prefix" -name kelvo-superres.pc)
 libdir=$(PKG_CONFIG_PATH=$(dirname "$pc_file") pkg-config --variable=libdir kelvo-superres)
-# shellcheck disable=SC2046
-cc -o "$work/pkgconfig-consumer" "$consumer_dir/main.c" \
-   $(PKG_CONFIG_PATH=$(dirname "$pc_file") pkg-config --cflags --libs kelvo-superres)
+# CC, CFLAGS and LDFLAGS, when set, are those the library was built with (CMake reads them too).
+# shellcheck disable=SC2046,SC2086
+"${CC:-cc}" ${CFLAGS:-} -o "$work/pkgconfig-consumer" "$consumer_dir/main.c" \
+   $(PKG_CONFIG_PATH=$(dirname "$pc_file") pkg-config --cflags --libs kelvo-superres) ${LDFLAGS:-}
 LD_LIBRARY_PATH=$libdir "$work/pkgconfig-consumer"

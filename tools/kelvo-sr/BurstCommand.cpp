@@ -6,6 +6,7 @@
 #include "interface/SuperResolutionInterface.h"
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/simulator/ImageQuality.h"
 #include "tools/simulator/ThermalPreview.h"
@@ -119,7 +120,8 @@ int runBurst(const BurstCommandOptions& options) {
     EngineOptions engine = options.engine;
     const std::vector<std::size_t> window =
         choosePassFrames(options, frames, engine.referenceIndex);
-    const auto resolver = makeSuperResolver(engine, frames, storedDepth);
+    resolvePsfSigma(engine, frames, window);
+    const auto resolver = makeFrameEngine(engine, frames, storedDepth);
     const FrameValues& values = resolver->values();
 
     // One pass, over five frames; the others served the bad-pixel search only.
@@ -132,7 +134,6 @@ int runBurst(const BurstCommandOptions& options) {
         const std::size_t i = window[added];
         warnOutsideRange(options.frames[i], frames[i], values);
         const int status = resolver->addFrame(frames[i]);
-        estimatePsfSigmaIfAsked(engine, *resolver, static_cast<int>(added) + 1);
         if (status != 0 && status != SR_MASK_HALF_EMPTY) {
             std::cerr << "warning: " << options.frames[i] << ": " << SuperResolver::describe(status)
                       << std::endl;
@@ -145,6 +146,7 @@ int runBurst(const BurstCommandOptions& options) {
         lastStatus = pass.status;
     }
     const cv::Mat_<float> result = resolver->result();
+    std::cout << describeQualityMap(resolver->estimatedShifts());
 
     writeFloatTiff(options.output, result);
     std::cout << "wrote " << options.output << " (" << result.cols << "x" << result.rows << ")"

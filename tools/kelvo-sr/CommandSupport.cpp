@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "tools/kelvo-sr/DefectSearch.h"
+#include "vision/superresolution/PsfSigmaEstimator.h"
 
 namespace kelvo::tools {
 
@@ -118,30 +119,51 @@ std::unique_ptr<SuperResolver> makeSuperResolver(const EngineOptions& options,
         burst.front().size(), values, options.cameraAndLensType, options.referenceIndex);
     resolver->setVerbose(options.timings);
     resolver->setDefectivePixels(chooseDefectivePixels(options.badPixels, burst, values));
-    if (!options.psfSigma.empty() && options.psfSigma != "auto") {
-        std::size_t used = 0;
-        float sigma = 0.0f;
-        try {
-            sigma = std::stof(options.psfSigma, &used);
-        } catch (const std::exception&) {
-            used = 0;
-        }
-        if (used != options.psfSigma.size() || !(sigma > 0.0f) || !std::isfinite(sigma)) {
-            throw std::runtime_error("--psf-sigma takes auto or a positive number, not \"" +
-                                     options.psfSigma + "\".");
-        }
+    if (const float sigma = chosenPsfSigma(options); sigma > 0.0f) {
         resolver->setPsfSigma(sigma);
     }
     return resolver;
 }
 
-void estimatePsfSigmaIfAsked(const EngineOptions& options, SuperResolver& resolver,
-                             int framesAdded) {
-    if (options.psfSigma == "auto" && framesAdded == 4) {
-        const float sigma = resolver.estimatePsfSigma();
-        resolver.setPsfSigma(sigma);
-        std::cout << "PSF sigma estimated from the first four frames: " << sigma << std::endl;
+float chosenPsfSigma(const EngineOptions& options) {
+    if (options.psfSigma.empty() || options.psfSigma == "auto") {
+        return 0.0f;
     }
+    std::size_t used = 0;
+    float sigma = 0.0f;
+    try {
+        sigma = std::stof(options.psfSigma, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used != options.psfSigma.size() || !(sigma > 0.0f) || !std::isfinite(sigma)) {
+        throw std::runtime_error("--psf-sigma takes auto or a positive number, not \"" +
+                                 options.psfSigma + "\".");
+    }
+    return sigma;
+}
+
+void resolvePsfSigma(EngineOptions& options, const std::vector<cv::Mat_<float>>& frames,
+                     const std::vector<std::size_t>& window) {
+    if (options.psfSigma != "auto") {
+        return;
+    }
+    std::vector<cv::Mat_<float>> pass;
+    for (std::size_t i : window) {
+        pass.push_back(frames[i]);
+    }
+    const int held = static_cast<int>(pass.size());
+    const int reference = std::max(held - options.referenceIndex - 1, 0);
+    float sigma = 0.0f;
+    try {
+        sigma = vision::PsfSigmaEstimator().estimate(pass, reference);
+    } catch (const std::exception& error) {
+        throw std::runtime_error(std::string("--psf-sigma auto: ") + error.what());
+    }
+    std::ostringstream text;
+    text << sigma;
+    options.psfSigma = text.str();
+    std::cout << "PSF sigma estimated from the frames: " << options.psfSigma << std::endl;
 }
 
 }  // namespace kelvo::tools

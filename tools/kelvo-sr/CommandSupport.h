@@ -43,10 +43,15 @@ std::unique_ptr<SuperResolver> makeSuperResolver(const EngineOptions& options,
                                                  const std::vector<cv::Mat_<float>>& burst,
                                                  int storedDepth);
 
-// With --psf-sigma auto, estimates the sensor blur once the fourth frame is in and sets
-// it for this and every later pass (the first pass runs at the fifth frame); says so on
-// standard output. Call after every frame added.
-void estimatePsfSigmaIfAsked(const EngineOptions& options, SuperResolver& resolver,
-                             int framesAdded);
+// The sensor blur --psf-sigma gives as a number, or 0 when it names none (empty: the
+// camera's or the default). Throws std::runtime_error for anything but auto or a
+// positive number.
+float chosenPsfSigma(const EngineOptions& options);
+
+// With --psf-sigma auto, estimates the sensor blur from the frames of the pass (indices
+// into `frames`, oldest first, with options.referenceIndex counted back from the newest),
+// says so on standard output and puts the number into the options.
+void resolvePsfSigma(EngineOptions& options, const std::vector<cv::Mat_<float>>& frames,
+                     const std::vector<std::size_t>& window);
 
 }  // namespace kelvo::tools

@@ -14,6 +14,8 @@ struct EngineOptions {
     // auto, none, or a CSV table of bad pixels; empty: auto for counts, none for temperatures
     std::string badPixels;
     bool timings = false;
+    std::string engine = "float";          // float or reference
+    std::vector<std::string> calibration;  // reference engine: two-point calibration of counts
     // Sensor blur in result pixels: empty for the camera's (or the default), "auto" to
     // estimate it from the frames, or a number.
     std::string psfSigma;

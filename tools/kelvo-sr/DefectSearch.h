@@ -43,10 +43,10 @@ struct DefectSearchResult {
 // The histogram search flags every value at or beyond the range's ends and every value shared
 // by fewer than maxNeighbours pixels within span of it: it finds dead and hot pixels, and also
 // the few hottest and coldest pixels of a real scene. The local test then keeps a flagged pixel
-// only if it lies further outside the values of the unflagged pixels of its 5 x 5 neighbourhood
-// than those values spread (and at least span): an isolated defect does, a scene's extreme
-// (a warm object blurred over several pixels, a saturated region) does not. Throws
-// std::runtime_error when more than capacity pixels are flagged.
+// only if it stands out from the unflagged pixels of its 5 x 5 neighbourhood (see standsOut):
+// an isolated defect does, also on an edge; a scene's extreme (a warm object blurred over
+// several pixels, a saturated region) does not. Throws std::runtime_error when more than
+// capacity pixels are flagged.
 DefectSearchResult findDefects(const cv::Mat& image, SearchRange range,
                                const DefectSearchSettings& settings);
 

@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 
 using namespace kelvo::tools;
 
@@ -31,6 +32,7 @@ void addEngineOptions(CLI::App& command, EngineOptions& options) {
         "the scene is not), none, or a CSV table of x,y lines such as `badpixels` writes "
         "(default: auto for counts, none for temperatures)");
     command.add_flag("--timings", options.timings, "print the library's timing lines");
+    addEngineChoiceOptions(command, options);
     command.add_option("--psf-sigma", options.psfSigma,
                        "sensor blur, the Gaussian sigma in result pixels: a number, or auto to "
                        "estimate it from the first frames (default: the camera's, else 0.683)");
@@ -140,9 +142,10 @@ int main(int argc, char** argv) {
                      "histogram: every value at or beyond --low/--high and every value that "
                      "few pixels share; this finds dead and hot pixels, but also a scene's "
                      "few hottest and coldest pixels. local: of those, only the pixels that "
-                     "stand out from the pixels around them (further outside their values "
-                     "than those spread); a warm object blurred over several pixels or a "
-                     "saturated region stays as it is")
+                     "stand out from the pixels around them, lying off every line through "
+                     "two opposite neighbours by more than half the local contrast; a pixel "
+                     "on an edge, a warm object blurred over several pixels or a saturated "
+                     "region stays as it is")
         ->check(CLI::IsMember({"local", "histogram"}))
         ->capture_default_str();
     badPixelsCommand

@@ -6,11 +6,13 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <numeric>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/simulator/ThermalPreview.h"
 
@@ -118,7 +120,7 @@ int runSequence(const SequenceOptions& options) {
     fs::create_directories(options.outputFolder);
     const bool terminal = isatty(STDERR_FILENO) != 0;
 
-    std::unique_ptr<SuperResolver> resolver;
+    std::unique_ptr<FrameEngine> resolver;
     std::map<int, int> failures;
     int frames = 0, passes = 0;
     double passSeconds = 0.0;
@@ -137,15 +139,19 @@ int runSequence(const SequenceOptions& options) {
         }
         return sequence.next(next);
     };
+    // With --psf-sigma auto, the opening burst's estimate serves every window.
+    EngineOptions engine = options.engine;
+    std::vector<std::size_t> openingWindow(opening.size());
+    std::iota(openingWindow.begin(), openingWindow.end(), std::size_t{0});
+    resolvePsfSigma(engine, opening, openingWindow);
     while (nextFrame(frame)) {
         if (!resolver) {
-            resolver = makeSuperResolver(options.engine, opening, storedDepth);
+            resolver = makeFrameEngine(engine, opening, storedDepth);
         }
         warnOutsideRange(sequence.name(frames), frame, resolver->values());
         const auto start = std::chrono::steady_clock::now();
         const int status = resolver->addFrame(frame);
         ++frames;
-        estimatePsfSigmaIfAsked(options.engine, *resolver, frames);  // once, for every window
         if (frames >= 5) {
             passSeconds +=
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

@@ -187,12 +187,6 @@ void SuperResolver::setPsfSigma(float sigma) {
     check(SuperResolution_setPsfSigma(handle, sigma));
 }
 
-float SuperResolver::estimatePsfSigma() const {
-    float sigma = 0.0f;
-    check(SuperResolution_estimatePsfSigma(handle, &sigma));
-    return sigma;
-}
-
 void SuperResolver::setDefectivePixels(const std::vector<cv::Point>& positions) {
     std::vector<int> coordinates;
     for (const cv::Point& position : positions) {

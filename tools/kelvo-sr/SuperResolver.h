@@ -73,10 +73,8 @@ public:
     cv::Size frameSize() const { return size; }
     const FrameValues& values() const { return frameValues; }
 
-    // The sensor blur of the passes to come; and its estimate from the frames held
-    // (at least four), which sets nothing.
+    // The sensor blur of the passes to come.
     void setPsfSigma(float sigma);
-    float estimatePsfSigma() const;
 
     // The engine's timing lines reach standard output only when verbose.
     void setVerbose(bool value);

@@ -245,8 +245,9 @@ std::vector<Defect> BurstSimulator::drawDefects(cv::Size frameSize, cv::RNG& rng
     for (int attempt = 0; static_cast<int>(defects.size()) < count; ++attempt) {
         require(attempt < 100 * count + 100 && frameSize.width > 2 && frameSize.height > 2,
                 "too many defective pixels for the frame size");
-        const cv::Point candidate(rng.uniform(1, frameSize.width - 1),
-                                  rng.uniform(1, frameSize.height - 1));
+        // One draw per statement: the order in which arguments are evaluated is the compiler's.
+        const int row = rng.uniform(1, frameSize.height - 1);
+        const cv::Point candidate(rng.uniform(1, frameSize.width - 1), row);
         const bool isolated =
             std::none_of(defects.begin(), defects.end(), [&](const Defect& other) {
                 return std::abs(other.position.x - candidate.x) < 2 &&

@@ -279,8 +279,10 @@ private:
     // One line of text about 8 high-resolution pixels high: four low-resolution rows.
     void smallText() {
         const double scale = cv::getFontScaleFromHeight(cv::FONT_HERSHEY_PLAIN, 8, 1);
-        const std::string text =
-            cv::format("T-%02d %.1f", rng.uniform(10, 99), rng.uniform(10.0f, 40.0f));
+        // One draw per statement: the order in which arguments are evaluated is the compiler's.
+        const float reading = rng.uniform(10.0f, 40.0f);
+        const int label = rng.uniform(10, 99);
+        const std::string text = cv::format("T-%02d %.1f", label, reading);
         const int row = cvRound(groundRow(0.3f, 0.6f));
         cv::putText(scene, text, cv::Point(cols / 2 + rng.uniform(-cols / 4, cols / 4 + 1), row),
                     cv::FONT_HERSHEY_PLAIN, scale, cv::Scalar(36.0), 1);

@@ -401,9 +401,11 @@ bool BadPixel::appendBadPixel(const cv::Mat& source, cv::Mat& table, cv::Size im
     const auto positionKey = [](const unsigned short* entry) {
         return static_cast<unsigned int>(entry[1]) << 16 | entry[0];
     };
+    // A table without columns holds no entries, whatever its row count says.
+    const int heldRows = table.empty() ? 0 : table.rows;
     Table merged(0, kTableColumns);
     std::set<unsigned int> listed;
-    for (int row = 0; row < table.rows; ++row) {
+    for (int row = 0; row < heldRows; ++row) {
         merged.push_back(Table(table.row(row)));
         listed.insert(positionKey(table.ptr<unsigned short>(row)));
     }

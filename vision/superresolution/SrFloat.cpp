@@ -7,37 +7,13 @@
 #include <stdexcept>
 
 #include "platform/kelvo/StopWatch.h"
+#include "vision/superresolution/SrEngineCommon.h"
 #include "vision/superresolution/SrFloatRegistration1.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
 
 namespace kelvo::vision {
 
 namespace {
-
-// Frames larger than this would overflow the pixel indices of the stages.
-constexpr long long kMaxInputPixels = 1LL << 26;
-// The smallest frame side the registration's filters are defined on.
-constexpr int kMinFrameSide = 8;
-
-int checkedWindowSize(int windowSize) {
-    if (windowSize < 1) {
-        throw "Invalid reference index specified.";
-    }
-    return windowSize;
-}
-
-// Validates the geometry before any buffer is sized from it; returns the width.
-int checkedGeometry(int width, int height, float factor) {
-    if (width < kMinFrameSide || height < kMinFrameSide ||
-        static_cast<long long>(width) * height > kMaxInputPixels) {
-        throw std::invalid_argument("Invalid image size specified.");
-    }
-    // The reconstruction's PSF tables are sized for magnifications in this range.
-    if (!(factor >= 1.0f && factor <= 4.0f)) {
-        throw std::invalid_argument("Invalid magnification factor specified.");
-    }
-    return width;
-}
 
 // The largest number of frames per pixel that still raises the quality estimate.
 // Computed once per process, from the factor of the first engine that runs a pass.
@@ -152,50 +128,37 @@ void SrFloat<Registration>::refreshPointers() {
 
 template <class Registration>
 void SrFloat<Registration>::setReferenceIndex(int index) {
-    if (index < 0 || index >= windowSize) {
-        throw "Invalid reference index specified.";
-    }
+    checkReferenceIndex(index, windowSize);
     referenceIndex = index;
 }
 
 template <class Registration>
 void SrFloat<Registration>::setPsfSigma(float sigma) {
-    if (!(sigma > 0.0f)) {
-        throw "Invalid standard deviation of the sensor psf specified.";
-    }
+    checkPsfSigma(sigma);
     minimization.setPsfSigma(sigma);
 }
 
 template <class Registration>
 void SrFloat<Registration>::setMaxCGIters(int iterations) {
-    if (iterations < 1) {
-        throw "Invalid maximum number of iterations specified.";
-    }
+    checkMaxCGIters(iterations);
     minimization.setMaxIter(iterations);
 }
 
 template <class Registration>
 void SrFloat<Registration>::setRegError(float error) {
-    if (!(error > 0.0f && error <= 1.0f)) {
-        throw "Invalid maximum registration error specified.";
-    }
+    checkRegError(error);
     registration.setRegError(error);
 }
 
 template <class Registration>
 void SrFloat<Registration>::setWeightTV(float weight) {
-    if (!(weight >= 1.0f) || std::isinf(weight)) {
-        throw "Invalid total-variation term weight specified.";
-    }
+    checkWeightTV(weight);
     minimization.setWeightTV(weight);
 }
 
 template <class Registration>
 void SrFloat<Registration>::setRelativeResidue(float residue) {
-    // Reported with the total-variation message, as hosts have always seen it.
-    if (!(static_cast<double>(residue) >= 1e-6) || std::isinf(residue)) {
-        throw "Invalid total-variation term weight specified.";
-    }
+    checkRelativeResidue(residue);
     minimization.setRelRes(residue);
 }
 
@@ -272,30 +235,9 @@ float SrFloat<Registration>::computeSR(float* out) {
     registration.getCompleteShifts(completeShifts);
 
     watch.start();
-    const float limit = static_cast<float>(height / 10);
-    bool tooLarge = false;
-    bool tooManyMasked = false;
-    for (int i = 0; i < storedFrames; ++i) {
-        const cv::Point_<float>& shift = completeShifts[i];
-        if (std::fabs(shift.x) > limit || std::fabs(shift.y) > limit) {
-            tooLarge = true;
-        }
-        const signed char* mask = reinterpret_cast<const signed char*>(maskPointers[i]);
-        long long validSum = 0;
-        for (int p = 0; p < inputSize; ++p) {
-            validSum += mask[p];
-        }
-        const float emptyFraction =
-            static_cast<float>(inputSize - validSum) / static_cast<float>(inputSize);
-        if (emptyFraction >= 0.5f) {
-            tooManyMasked = true;
-        }
-    }
+    const int status = displacementAndMaskStatus(completeShifts.data(), maskPointers.data(),
+                                                 storedFrames, width, height);
     timing << " large_displacement:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
-    int status = tooManyMasked ? -3 : 0;
-    if (tooLarge) {
-        status = -6;
-    }
 
     watch.start();
     const int iterations = minimization.minimize(storedFrames, ref, registeredPointers.data(),
@@ -305,13 +247,9 @@ float SrFloat<Registration>::computeSR(float* out) {
         return static_cast<float>(iterations);
     }
 
-    cv::Mat_<float> resultMatrix(outputHeight, outputWidth, result.data());
-    badPixelHandling.maskBadPixel(resultMatrix, completeShifts);
-    frameViews.clear();
-    for (int i = 0; i < storedFrames; ++i) {
-        frameViews.emplace_back(height, width, framePointers[i]);
-    }
-    badPixelHandling.replaceMaskedPixel(resultMatrix, completeShifts, frameViews);
+    repairResultBadPixels(badPixelHandling, result.data(), {outputWidth, outputHeight},
+                          completeShifts, framePointers.data(), storedFrames, {width, height},
+                          frameViews);
 
     watch.start();
     saveFrame(out);
@@ -327,33 +265,15 @@ void SrFloat<Registration>::saveFrame(float* out) const {
     std::memcpy(out, result.data(), sizeof(float) * outputSize);
 }
 
-// Mean number of extra frames that see each input pixel, capped at factor^2 and
-// mapped so that one frame per pixel gives 1 and a full set of frames gives
-// 1 + (cap - 1) / 4.
 template <class Registration>
 float SrFloat<Registration>::estimateSrFactor() const {
-    const int cap = srFactorCap(factor);
-    long long sum = 0;
-    for (int p = 0; p < inputSize; ++p) {
-        int framesSeeing = 0;
-        for (int i = 0; i < storedFrames; ++i) {
-            framesSeeing += maskPointers[i][p] != 0;
-        }
-        sum += std::min(framesSeeing, cap) - 1;
-    }
-    return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
+    return kelvo::vision::estimateSrFactor(maskPointers.data(), storedFrames, inputSize,
+                                           srFactorCap(factor));
 }
 
 template <class Registration>
 void SrFloat<Registration>::getMasks(std::vector<cv::Mat_<unsigned char>>& out) const {
-    out.resize(windowSize);
-    for (int i = 0; i < windowSize; ++i) {
-        if (out[i].rows != height || out[i].cols != width || !out[i].isContinuous()) {
-            out[i].release();
-            out[i].create(height, width);
-        }
-        std::memcpy(out[i].ptr(), masks[i].data(), inputSize);
-    }
+    copyMasks(maskPointers.data(), windowSize, width, height, out);
 }
 
 template <class Registration>

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "vision/superresolution/PhaseCorrelation.h"
+
 namespace kelvo::vision {
 
 namespace {
@@ -104,55 +106,18 @@ void SrFloatRegistration1::initialize(char** masks, int registeredFrames) {
 }
 
 void SrFloatRegistration1::blurFromSpectrum(int slot, const float* frame, float* blurred) {
-    const float(*spectrum)[2] = pairs(spectrumSlots[slot]);
-    const float(*gauss)[2] = pairs(gaussSpectrum);
     float(*work)[2] = pairs(workSpectrum);
-    for (int k = 0; k < spectrumLength; ++k) {
-        const float gr = gauss[k][0];
-        const float gi = gauss[k][1];
-        const float sr = spectrum[k][0];
-        const float si = spectrum[k][1];
-        work[k][0] = gr * sr + gi * si;
-        work[k][1] = si * gr - gi * sr;
-    }
+    multiplyByConjugate(pairs(spectrumSlots[slot]), pairs(gaussSpectrum), spectrumLength, work);
     fft.backward(work, blurred);
     fft.repairGaussBlur(frame, blurred, gaussRadius, gaussTable.data());
 }
 
 cv::Point_<int> SrFloatRegistration1::phaseCorrelation() {
-    // Cross-power spectrum b conj(a) / (|a| |b|) of reference a and frame b: its
-    // inverse transform peaks at the displacement of the frame.
-    const float(*a)[2] = pairs(spectrumSlots[referenceSlot]);
-    const float(*b)[2] = pairs(spectrumSlots[frameSlot]);
     float(*cross)[2] = pairs(workSpectrum);
-    for (int k = 0; k < spectrumLength; ++k) {
-        const float m = std::sqrt((b[k][0] * b[k][0] + b[k][1] * b[k][1]) *
-                                  (a[k][0] * a[k][0] + a[k][1] * a[k][1]));
-        cross[k][0] = (b[k][0] * a[k][0] + b[k][1] * a[k][1]) / m;
-        cross[k][1] = (b[k][1] * a[k][0] - b[k][0] * a[k][1]) / m;
-    }
+    crossPowerSpectrum(pairs(spectrumSlots[referenceSlot]), pairs(spectrumSlots[frameSlot]),
+                       spectrumLength, cross);
     fft.backward(cross, correlation.data());
-
-    // The first strictly largest value; NaN never wins, so a non-finite surface
-    // gives index 0.
-    int peak = 0;
-    float peakValue = correlation[0];
-    for (int i = 1; i < pixelCount; ++i) {
-        if (correlation[i] > peakValue) {
-            peakValue = correlation[i];
-            peak = i;
-        }
-    }
-    int x = peak % width;
-    int y = peak / width;
-    // Peaks beyond half the size are negative displacements; exactly half stays positive.
-    if (y > height / 2) {
-        y -= height;
-    }
-    if (x > width / 2) {
-        x -= width;
-    }
-    return cv::Point_<int>(x, y);
+    return correlationPeak(correlation.data(), width, height);
 }
 
 }  // namespace kelvo::vision

@@ -101,6 +101,14 @@ SrFloatRegistrationBase::GradientSums SrFloatRegistrationBase::sumGradientProduc
 }
 
 void SrFloatRegistrationBase::computeReferenceGradients(const float* reference) {
+    computeGradientImages(reference);
+    const GradientSums sums = sumGradientProducts(cv::Rect(0, 0, width, height));
+    sumGxx = static_cast<float>(sums.xx);
+    sumGxy = static_cast<float>(sums.xy);
+    sumGyy = static_cast<float>(sums.yy);
+}
+
+void SrFloatRegistrationBase::computeGradientImages(const float* reference) {
     // Central differences (R[y+1] - R[y-1]) / 2 inside; on the first and last row
     // and column the one-sided difference, deliberately not halved.
     for (int y = 0; y < height; ++y) {
@@ -124,10 +132,6 @@ void SrFloatRegistrationBase::computeReferenceGradients(const float* reference) 
         }
         gx[width - 1] = row[width - 1] - row[width - 2];
     }
-    const GradientSums sums = sumGradientProducts(cv::Rect(0, 0, width, height));
-    sumGxx = static_cast<float>(sums.xx);
-    sumGxy = static_cast<float>(sums.xy);
-    sumGyy = static_cast<float>(sums.yy);
 }
 
 SrFloatRegistrationBase::Overlap SrFloatRegistrationBase::overlapOf(cv::Point_<int> shift) const {
@@ -150,18 +154,14 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
     const cv::Rect& inReference = overlap.reference;
     const cv::Rect& inFrame = overlap.frame;
 
-    // The reference pixels the frame does not cover count as residual regError, so
-    // that the smoothed residual rises towards the threshold near the overlap edge.
     GradientSums border;
     for (const cv::Rect* strip : {&overlap.rowStrip, &overlap.columnStrip}) {
         const GradientSums stripSums = sumGradientProducts(*strip);
         border.xx += stripSums.xx;
         border.xy += stripSums.xy;
         border.yy += stripSums.yy;
-        for (int y = strip->y; y < strip->y + strip->height; ++y) {
-            std::fill_n(errorImage.data() + y * width + strip->x, strip->width, regError);
-        }
     }
+    fillUncovered(overlap);
     const double sxx = static_cast<double>(sumGxx) - border.xx;
     const double sxy = static_cast<double>(sumGxy) - border.xy;
     const double syy = static_cast<double>(sumGyy) - border.yy;
@@ -197,9 +197,34 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
     const float ux = static_cast<float>((sxy * by - syy * bx) / det);
     const float uy = static_cast<float>((sxy * bx - sxx * by) / det);
 
-    // Squared residual of the linearised model F + u . grad R - R, normalised by
-    // the gradient energy of the overlap.
-    const float energyNorm = static_cast<float>(1.0 / (sxx + syy));
+    writeResidualImage(reference, frame, overlap, ux, uy, static_cast<float>(1.0 / (sxx + syy)));
+
+    cv::Mat_<float> error(height, width, errorImage.data());
+    cv::Mat_<float> blurredError(height, width, blurredErrorImage.data());
+    SrFloatConvolution::blurImageMeanFilter(error, regErrBlurRadius, blurredError,
+                                            meanFilterScratch);
+
+    const cv::Point_<float> shift(static_cast<float>(start.x) + ux,
+                                  static_cast<float>(start.y) + uy);
+    markValidPixels(shift, mask);
+    return shift;
+}
+
+void SrFloatRegistrationBase::fillUncovered(const Overlap& overlap) {
+    for (const cv::Rect* strip : {&overlap.rowStrip, &overlap.columnStrip}) {
+        for (int y = strip->y; y < strip->y + strip->height; ++y) {
+            std::fill_n(errorImage.data() + y * width + strip->x, strip->width, regError);
+        }
+    }
+}
+
+// Squared residual of the linearised model F + u . grad R - R, normalised by the
+// gradient energy of the overlap.
+void SrFloatRegistrationBase::writeResidualImage(const float* reference, const float* frame,
+                                                 const Overlap& overlap, float ux, float uy,
+                                                 float energyNorm) {
+    const cv::Rect& inReference = overlap.reference;
+    const cv::Rect& inFrame = overlap.frame;
     for (int j = 0; j < inReference.height; ++j) {
         const int referenceRow = (inReference.y + j) * width + inReference.x;
         const float* r = reference + referenceRow;
@@ -212,14 +237,9 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
             error[i] = residual * residual * energyNorm;
         }
     }
+}
 
-    cv::Mat_<float> error(height, width, errorImage.data());
-    cv::Mat_<float> blurredError(height, width, blurredErrorImage.data());
-    SrFloatConvolution::blurImageMeanFilter(error, regErrBlurRadius, blurredError,
-                                            meanFilterScratch);
-
-    const cv::Point_<float> shift(static_cast<float>(start.x) + ux,
-                                  static_cast<float>(start.y) + uy);
+void SrFloatRegistrationBase::markValidPixels(cv::Point_<float> shift, char* mask) const {
     const cv::Point_<int> rounded(roundHalfUpSaturated(shift.x, width),
                                   roundHalfUpSaturated(shift.y, height));
     const cv::Rect valid = overlapOf(rounded).reference;
@@ -232,7 +252,6 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
             }
         }
     }
-    return shift;
 }
 
 void SrFloatRegistrationBase::shiftFrame(const float* source, cv::Point_<float>& shift,

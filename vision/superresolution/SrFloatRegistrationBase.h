@@ -47,6 +47,8 @@ protected:
     // Sxx = sum gx gx, Sxy = sum gx gy, Syy = sum gy gy (products in float, sums in
     // double, stored as float).
     void computeReferenceGradients(const float* reference);
+    // The gradient images alone, without their sums.
+    void computeGradientImages(const float* reference);
 
     // One Gauss-Newton step for a pure translation u over the overlap of reference R
     // and frame F displaced by the integer start s0:
@@ -89,6 +91,17 @@ protected:
     Overlap overlapOf(cv::Point_<int> shift) const;
     // Sums of gx gx, gx gy, gy gy over a region of the reference gradients.
     GradientSums sumGradientProducts(const cv::Rect& region) const;
+
+    // The pieces of opticalFlow's residual mask. The reference pixels the frame does
+    // not cover count as residual regError, so that the smoothed residual rises towards
+    // the threshold near the overlap edge; the overlap gets the squared residual of the
+    // step u = (ux, uy) times energyNorm; once errorImage is smoothed into
+    // blurredErrorImage, the pixels below regError inside the overlap of the rounded
+    // shift are set to 1 in the mask.
+    void fillUncovered(const Overlap& overlap);
+    void writeResidualImage(const float* reference, const float* frame, const Overlap& overlap,
+                            float ux, float uy, float energyNorm);
+    void markValidPixels(cv::Point_<float> shift, char* mask) const;
 
     int width;
     int height;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tools/simulator/BurstSimulator.h"
+#include "tools/simulator/ImageQuality.h"
 
 // The kelvo-sr tool run as a user runs it: arguments in, exit code, printed lines and files out.
 
@@ -65,6 +66,15 @@ std::vector<std::vector<int>> readCsv(const fs::path& path) {
         rows.push_back(row);
     }
     return rows;
+}
+
+// A simulated burst of 64 x 48 frames whose second frame is the reference.
+Burst simulatedBurst(std::uint64_t seed, int frameCount = 5) {
+    BurstOptions options;
+    options.frameCount = frameCount;
+    options.referenceFrame = 1;
+    options.seed = seed;
+    return BurstSimulator(options).simulate(cv::Size(128, 96));
 }
 
 class KelvoSrTool : public testing::Test {
@@ -123,11 +133,7 @@ protected:
     // file names, oldest first.
     std::vector<std::string> writeBurst(int frameCount, const std::string& prefix,
                                         std::vector<cv::Mat_<unsigned short>>* frames = nullptr) {
-        BurstOptions options;
-        options.frameCount = frameCount;
-        options.referenceFrame = 1;
-        options.seed = 11;
-        const Burst burst = BurstSimulator(options).simulate(cv::Size(128, 96));
+        const Burst burst = simulatedBurst(11, frameCount);
         std::vector<std::string> names;
         for (int i = 0; i < frameCount; ++i) {
             names.push_back(prefix + std::to_string(i) + ".png");
@@ -201,6 +207,57 @@ TEST_F(KelvoSrTool, BurstTakesCountsFromPngAndRawFrames) {
     EXPECT_LT(mean[0], high);
     const cv::Mat png16 = cv::imread(path("png.png").string(), cv::IMREAD_UNCHANGED);
     EXPECT_EQ(png16.type(), CV_16U);
+}
+
+// Raw counts of a simulated camera with a per-pixel gain and offset, calibrated from two
+// simulated blackbodies: the reference engine delivers radiance, sharper than bicubic.
+TEST_F(KelvoSrTool, ReferenceEngineTurnsCalibratedCountsIntoRadiance) {
+    BurstOptions options;
+    options.referenceFrame = 1;
+    options.seed = 8;
+    const Burst burst = BurstSimulator(options).simulate(cv::Size(192, 144));
+    cv::Mat_<float> gain(72, 96), offset(72, 96);
+    cv::RNG(5).fill(gain, cv::RNG::UNIFORM, 0.009f, 0.011f);
+    cv::RNG(6).fill(offset, cv::RNG::UNIFORM, -110.0f, -90.0f);
+    const auto countsOf = [&](const cv::Mat_<float>& radiance) {
+        cv::Mat_<float> counts;
+        cv::divide(radiance - offset, gain, counts);
+        cv::Mat_<unsigned short> rounded;
+        counts.convertTo(rounded, CV_16U);
+        return rounded;
+    };
+    std::vector<std::string> names;
+    for (int i = 0; i < 5; ++i) {
+        names.push_back("counts" + std::to_string(i) + ".png");
+        cv::imwrite(path(names.back()).string(), countsOf(burst.frames[i]));
+    }
+    cv::imwrite(path("low.png").string(), countsOf(cv::Mat_<float>(72, 96, 20.0f)));
+    cv::imwrite(path("high.png").string(), countsOf(cv::Mat_<float>(72, 96, 40.0f)));
+    cv::imwrite(path("high.tiff").string(), cv::Mat_<float>(72, 96, 40.0f));
+    cv::imwrite(path("small.png").string(), cv::Mat_<unsigned short>(70, 96, 4000));
+
+    const ToolRun reference = run("burst" + joined(names) +
+                                  " --engine reference --calibration low.png 20 high.png high.tiff"
+                                  " -o radiance.tiff");
+    ASSERT_EQ(reference.exitCode, 0) << reference.output;
+    EXPECT_NE(reference.output.find("sub-pixel coverage"), std::string::npos) << reference.output;
+    const cv::Mat result = cv::imread(path("radiance.tiff").string(), cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(result.size(), cv::Size(192, 144));
+    EXPECT_GT(kelvo::tools::ImageQuality::psnr(result, burst.truth),
+              kelvo::tools::ImageQuality::psnr(
+                  kelvo::tools::ImageQuality::upscaleBicubic(burst.frames[1]), burst.truth) +
+                  0.5);
+
+    const std::string frames = "burst" + joined(names) + " --engine reference";
+    expectFailure(frames, "needs --calibration");
+    expectFailure(frames + " --calibration small.png 20 high.png 40",
+                  "The calibration image small.png is 96x70, the frames are 96x72.");
+    expectFailure(frames + " --calibration low.png 20 low.png 40", "equal at every pixel");
+    cv::imwrite(path("eight.png").string(), cv::Mat_<unsigned char>(72, 96, 40));
+    expectFailure(frames + " --calibration eight.png 20 high.png 40",
+                  "LOW_COUNTS eight.png must be a single-channel 16-bit image.");
+    expectFailure("burst" + joined(names) + " --calibration low.png 20 high.png 40",
+                  "--calibration needs --engine reference.");
 }
 
 TEST_F(KelvoSrTool, BurstRejectsBadInputWithAClearMessage) {
@@ -488,8 +545,7 @@ TEST_F(KelvoSrTool, BurstLeavesOutTheFrameThatShowsAnotherPlace) {
                                  ": correlation "),
               std::string::npos)
         << usable.output;
-    EXPECT_NE(usable.output.find("PSF sigma estimated from the first four frames: "),
-              std::string::npos)
+    EXPECT_NE(usable.output.find("PSF sigma estimated from the frames: "), std::string::npos)
         << usable.output;
     EXPECT_EQ(usable.output.find("warning"), std::string::npos) << usable.output;
     // The pass ran on one scene: the result, taken back to the sensor grid, is the
@@ -507,3 +563,213 @@ TEST_F(KelvoSrTool, BurstLeavesOutTheFrameThatShowsAnotherPlace) {
 }
 
 }  // namespace
+
+// The simulated burst as frames of 14-bit counts (40 per kelvin) with dead and hot pixels at
+// the same sensor positions in every frame: lone ones and a 2 x 2 cluster.
+class RawCounts : public KelvoSrTool {
+protected:
+    const std::vector<cv::Point> dead = {{10, 10}, {40, 30}, {21, 35}, {22, 36}};
+    const std::vector<cv::Point> hot = {{30, 12}, {55, 40}, {21, 36}, {22, 35}};
+
+    std::vector<std::string> writeRawBurst(const std::string& prefix, bool withDefects) {
+        const Burst burst = simulatedBurst(11);
+        std::vector<std::string> names;
+        for (int i = 0; i < 5; ++i) {
+            cv::Mat_<unsigned short> counts;
+            burst.frames[i].convertTo(counts, CV_16U, 40.0, 4000.0);
+            for (const cv::Point& p : withDefects ? dead : std::vector<cv::Point>()) {
+                counts(p) = 0;
+            }
+            for (const cv::Point& p : withDefects ? hot : std::vector<cv::Point>()) {
+                counts(p) = 16383;
+            }
+            names.push_back(prefix + std::to_string(i) + ".png");
+            cv::imwrite(path(names.back()).string(), counts);
+        }
+        return names;
+    }
+
+    // How far the result leaves the range of the defect-free result within four result pixels
+    // of a defect: a blob does, a repair that smooths the scene there does not.
+    float worstExcursion(const std::string& result, const cv::Mat& clean) const {
+        const cv::Mat image = cv::imread(path(result).string(), cv::IMREAD_UNCHANGED);
+        double worst = 0.0;
+        for (const auto* defects : {&dead, &hot}) {
+            for (const cv::Point& p : *defects) {
+                const cv::Rect area = cv::Rect(2 * p.x - 4, 2 * p.y - 4, 9, 9) &
+                                      cv::Rect(0, 0, image.cols, image.rows);
+                double low = 0.0, high = 0.0, cleanLow = 0.0, cleanHigh = 0.0;
+                cv::minMaxLoc(image(area), &low, &high);
+                cv::minMaxLoc(clean(area), &cleanLow, &cleanHigh);
+                worst = std::max({worst, cleanLow - low, high - cleanHigh});
+            }
+        }
+        return static_cast<float>(worst);
+    }
+};
+
+TEST_F(RawCounts, DeadAndHotPixelsLeaveNoBlob) {
+    const ToolRun clean = run("burst" + joined(writeRawBurst("clean", false)) + " -o clean.tiff");
+    ASSERT_EQ(clean.exitCode, 0) << clean.output;
+    const cv::Mat cleanResult = cv::imread(path("clean.tiff").string(), cv::IMREAD_UNCHANGED);
+    const std::string frames = joined(writeRawBurst("frame", true));
+
+    // Integer counts; by default their defects are searched in every frame of the burst.
+    const ToolRun automatic = run("burst" + frames + " -o auto.tiff");
+    EXPECT_EQ(automatic.exitCode, 0) << automatic.output;
+    EXPECT_NE(automatic.output.find("values: counts (integer pixels), valid 0..65535\n"
+                                    "bad pixels: 8 found in all 5 frames (--bad-pixels auto)\n"),
+              std::string::npos)
+        << automatic.output;
+    // A table from the badpixels command does as well.
+    ASSERT_EQ(run("badpixels frame0.png --table table.csv").exitCode, 0);
+    const ToolRun fromTable = run("burst" + frames + " --bad-pixels table.csv -o table.tiff");
+    EXPECT_EQ(fromTable.exitCode, 0) << fromTable.output;
+    EXPECT_NE(fromTable.output.find("bad pixels: 8 from table.csv"), std::string::npos)
+        << fromTable.output;
+    const ToolRun untreated = run("burst" + frames + " --bad-pixels none -o none.tiff");
+    EXPECT_EQ(untreated.exitCode, 0) << untreated.output;
+
+    // A sequence searches its first five frames.
+    fs::create_directories(path("sequence"));
+    writeRawBurst("sequence/frame", true);
+    const ToolRun sequence = run("sequence sequence -o results");
+    EXPECT_EQ(sequence.exitCode, 0) << sequence.output;
+    EXPECT_NE(sequence.output.find("bad pixels: 8 found in all 5 frames"), std::string::npos)
+        << sequence.output;
+
+    // The scene spans about 1000 counts there; untreated defects ring thousands beyond it.
+    EXPECT_LT(worstExcursion("results/sr_000004.tiff", cleanResult), 20.0f);
+    EXPECT_LT(worstExcursion("auto.tiff", cleanResult), 20.0f);
+    EXPECT_LT(worstExcursion("table.tiff", cleanResult), 20.0f);
+    EXPECT_GT(worstExcursion("none.tiff", cleanResult), 2000.0f);
+}
+
+TEST_F(KelvoSrTool, ATemperatureBurstWithExtremePixelsStaysInTemperatures) {
+    const Burst burst = simulatedBurst(5);
+    std::vector<std::string> names;
+    for (int i = 0; i < 5; ++i) {
+        cv::Mat_<float> frame = burst.frames[i].clone();
+        if (i == 2) {
+            frame(5, 5) = 9999.0f;
+            frame(20, 40) = -9999.0f;
+            frame(30, 10) = 9999.0f;
+        }
+        names.push_back("t" + std::to_string(i) + ".tiff");
+        cv::imwrite(path(names.back()).string(), frame);
+    }
+    const ToolRun result = run("burst" + joined(names) + " -o result.tiff --png result.png");
+    EXPECT_EQ(result.exitCode, 0) << result.output;
+    EXPECT_EQ(result.output.find("values: counts"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("warning: t2.tiff: 3 pixels lie outside the valid temperatures "
+                                 "-274..5000 and will be repaired from the pixels around them"),
+              std::string::npos)
+        << result.output;
+    double sceneLow = 0.0, sceneHigh = 0.0, low = 0.0, high = 0.0;
+    cv::minMaxLoc(burst.truth, &sceneLow, &sceneHigh);
+    cv::minMaxLoc(cv::imread(path("result.tiff").string(), cv::IMREAD_UNCHANGED), &low, &high);
+    EXPECT_GT(low, sceneLow - 5.0);
+    EXPECT_LT(high, sceneHigh + 5.0);
+
+    // Asked to, the search finds a pixel stuck at one temperature in every frame, and not the
+    // extremes of a single frame.
+    for (int i = 0; i < 5; ++i) {
+        cv::Mat_<float> frame = cv::imread(path(names[i]).string(), cv::IMREAD_UNCHANGED);
+        frame(25, 50) = static_cast<float>(sceneHigh) + 60.0f;
+        cv::imwrite(path(names[i]).string(), frame);
+    }
+    const ToolRun stuck = run("burst" + joined(names) + " --bad-pixels auto -o stuck.tiff");
+    EXPECT_NE(stuck.output.find("bad pixels: 1 found in all 5 frames"), std::string::npos)
+        << stuck.output;
+
+    // Above 382 degrees Celsius centikelvin no longer fit 16 bits: the PNG says so.
+    for (int i = 0; i < 5; ++i) {
+        cv::imwrite(path(names[i]).string(), cv::Mat(burst.frames[i] + 400.0f));
+    }
+    const ToolRun hot = run("burst" + joined(names) + " -o hot.tiff --png hot.png");
+    EXPECT_NE(hot.output.find("warning: hot.png: 12288 pixels lie outside what 16 bits hold "
+                              "(value x 100 + 27315 beyond 0..65535) and were clipped"),
+              std::string::npos)
+        << hot.output;
+}
+
+TEST_F(KelvoSrTool, OnePassOnTheLastFiveFramesNamesAFrameMovedTooFar) {
+    BurstOptions options;
+    options.frameCount = 7;
+    options.referenceFrame = 3;
+    options.shifts = {{0.3f, 0.2f}, {-0.4f, 0.1f}, {0.2f, -0.3f}, {0.0f, 0.0f},
+                      {0.5f, 0.4f}, {-0.3f, 0.6f}, {7.0f, 0.2f}};
+    const Burst burst = BurstSimulator(options).simulate(cv::Size(128, 96));
+    std::vector<std::string> names;
+    for (int i = 0; i < 7; ++i) {
+        names.push_back("m" + std::to_string(i) + ".tiff");
+        cv::imwrite(path(names.back()).string(), burst.frames[i]);
+    }
+    const ToolRun moved = run("burst" + joined(names) + " --timings");
+    EXPECT_EQ(moved.exitCode, 2) << moved.output;
+    EXPECT_NE(moved.output.find("using the last 5 of 7 frames"), std::string::npos) << moved.output;
+    std::size_t passes = 0;
+    for (std::size_t at = 0;
+         (at = moved.output.find("++++++++++ SrFloat", at)) != std::string::npos; ++at) {
+        ++passes;
+    }
+    EXPECT_EQ(passes, 1u) << moved.output;
+    EXPECT_NE(moved.output.find("warning: m6.tiff is displaced by ("), std::string::npos)
+        << moved.output;
+    EXPECT_NE(moved.output.find("pixels from the reference frame m3.tiff, more than a tenth of the "
+                                "frame height (4)"),
+              std::string::npos)
+        << moved.output;
+
+    // Drowned in noise, the newest frame matches the reference almost nowhere.
+    cv::Mat_<float> noise(burst.frames[6].size());
+    cv::RNG(3).fill(noise, cv::RNG::NORMAL, 0.0, 50.0);
+    cv::imwrite(path("m6.tiff").string(), cv::Mat(burst.frames[5] + noise));
+    const ToolRun drowned = run("burst" + joined(names));
+    EXPECT_EQ(drowned.exitCode, 2) << drowned.output;
+    EXPECT_NE(
+        drowned.output.find("% of m6.tiff matched the reference frame m3.tiff (code -3): "
+                            "check that it shows the same scene, or try another --reference."),
+        std::string::npos)
+        << drowned.output;
+}
+
+// A real frame as noisy 14-bit counts with planted defects: dead, hot, and stuck at values
+// above the scene. The histogram alone also takes the scene's hottest and coldest pixels.
+TEST_F(KelvoSrTool, BadPixelsKeepsARealScenesExtremes) {
+    const fs::path still =
+        fs::path(KELVO_SHARED_DATA_DIR) / "hit-uav/hr_stills/0_100_30_0_08079.jpg";
+    if (!fs::is_regular_file(still)) {
+        GTEST_SKIP() << "real frames not found in " << still;
+    }
+    cv::Mat_<float> scene;
+    cv::imread(still.string(), cv::IMREAD_GRAYSCALE).convertTo(scene, CV_32F, 40.0, 3000.0);
+    cv::GaussianBlur(scene, scene, cv::Size(0, 0), 0.7);
+    cv::RNG random(5);
+    cv::Mat_<float> noise(scene.size());
+    random.fill(noise, cv::RNG::NORMAL, 0.0, 4.0);
+    cv::Mat_<unsigned short> counts;
+    cv::Mat(scene + noise).convertTo(counts, CV_16U);
+    std::set<std::pair<int, int>> planted;
+    while (planted.size() < 60) {
+        const int x = random.uniform(0, counts.cols), y = random.uniform(0, counts.rows);
+        const int kind = static_cast<int>(planted.size() % 3);
+        counts(y, x) = kind == 0 ? 0 : kind == 1 ? 16383 : random.uniform(14000, 16000);
+        planted.insert({x, y});
+    }
+    cv::imwrite(path("real.png").string(), counts);
+
+    const ToolRun local = run("badpixels real.png --table local.csv");
+    EXPECT_EQ(local.exitCode, 0) << local.output;
+    EXPECT_EQ(badPixelsOf(readCsv(path("local.csv"))), planted);
+    EXPECT_NE(local.output.find(" extreme values that match the pixels around it as scene "
+                                "(--search histogram would repair them too)"),
+              std::string::npos)
+        << local.output;
+    const ToolRun histogram = run("badpixels real.png --search histogram --table histogram.csv");
+    EXPECT_EQ(histogram.exitCode, 0) << histogram.output;
+    const std::set<std::pair<int, int>> everything = badPixelsOf(readCsv(path("histogram.csv")));
+    EXPECT_TRUE(
+        std::includes(everything.begin(), everything.end(), planted.begin(), planted.end()));
+    EXPECT_GT(everything.size(), planted.size() + 5);
+}

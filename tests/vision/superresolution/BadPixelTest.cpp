@@ -381,6 +381,12 @@ TEST(BadPixel, AppendMergesAndRecomputesReplacementsThatWentBad) {
     cv::Mat wrongTable(1, 10, CV_32S);
     EXPECT_FALSE(BadPixel::appendBadPixel(tableOf({{1, 1}}), wrongTable, size, 1));
     EXPECT_EQ(cv::countNonZero(unreachable != before), 0);
+
+    // Rows without columns hold nothing: the source alone makes the table.
+    cv::Mat columnless(3, 0, CV_16U);
+    EXPECT_TRUE(BadPixel::appendBadPixel(tableOf({second}), columnless, size, 0));
+    ASSERT_EQ(columnless.rows, 1);
+    EXPECT_EQ(rowOf(columnless, 0), second);
 }
 
 TEST(BadPixel, FoundPixelsAreRepairedEndToEnd) {

@@ -43,8 +43,6 @@ static_assert(fftLaneCount == 4, "the block moves below are written for four lan
 
 namespace {
 
-using LaneSelector = int __attribute__((vector_size(sizeof(FftLanes))));
-
 FftLanes loadLanes(const float* values) {
     FftLanes lanes;
     std::memcpy(&lanes, values, sizeof lanes);
@@ -56,27 +54,27 @@ void storeLanes(float* values, const FftLanes& lanes) {
 }
 
 void transpose(FftLanes& a, FftLanes& b, FftLanes& c, FftLanes& d) {
-    const FftLanes ab01 = __builtin_shuffle(a, b, LaneSelector{0, 4, 1, 5});
-    const FftLanes ab23 = __builtin_shuffle(a, b, LaneSelector{2, 6, 3, 7});
-    const FftLanes cd01 = __builtin_shuffle(c, d, LaneSelector{0, 4, 1, 5});
-    const FftLanes cd23 = __builtin_shuffle(c, d, LaneSelector{2, 6, 3, 7});
-    a = __builtin_shuffle(ab01, cd01, LaneSelector{0, 1, 4, 5});
-    b = __builtin_shuffle(ab01, cd01, LaneSelector{2, 3, 6, 7});
-    c = __builtin_shuffle(ab23, cd23, LaneSelector{0, 1, 4, 5});
-    d = __builtin_shuffle(ab23, cd23, LaneSelector{2, 3, 6, 7});
+    const FftLanes ab01 = __builtin_shufflevector(a, b, 0, 4, 1, 5);
+    const FftLanes ab23 = __builtin_shufflevector(a, b, 2, 6, 3, 7);
+    const FftLanes cd01 = __builtin_shufflevector(c, d, 0, 4, 1, 5);
+    const FftLanes cd23 = __builtin_shufflevector(c, d, 2, 6, 3, 7);
+    a = __builtin_shufflevector(ab01, cd01, 0, 1, 4, 5);
+    b = __builtin_shufflevector(ab01, cd01, 2, 3, 6, 7);
+    c = __builtin_shufflevector(ab23, cd23, 0, 1, 4, 5);
+    d = __builtin_shufflevector(ab23, cd23, 2, 3, 6, 7);
 }
 
 // Four (re, im) pairs <-> one vector of real and one of imaginary parts.
 void loadPairs(const float (*pairs)[2], FftLanes& re, FftLanes& im) {
     const FftLanes low = loadLanes(pairs[0]);
     const FftLanes high = loadLanes(pairs[2]);
-    re = __builtin_shuffle(low, high, LaneSelector{0, 2, 4, 6});
-    im = __builtin_shuffle(low, high, LaneSelector{1, 3, 5, 7});
+    re = __builtin_shufflevector(low, high, 0, 2, 4, 6);
+    im = __builtin_shufflevector(low, high, 1, 3, 5, 7);
 }
 
 void storePairs(float* pairs, const FftLanes& re, const FftLanes& im) {
-    storeLanes(pairs, __builtin_shuffle(re, im, LaneSelector{0, 4, 1, 5}));
-    storeLanes(pairs + fftLaneCount, __builtin_shuffle(re, im, LaneSelector{2, 6, 3, 7}));
+    storeLanes(pairs, __builtin_shufflevector(re, im, 0, 4, 1, 5));
+    storeLanes(pairs + fftLaneCount, __builtin_shufflevector(re, im, 2, 6, 3, 7));
 }
 
 }  // namespace

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+// The tool's frame reader on arbitrary bytes, stored under every extension it reads: it must
+// return a frame or throw std::runtime_error naming the file, never crash.
+#include <fuzzer/FuzzedDataProvider.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+#include "tools/kelvo-sr/FrameReader.h"
+
+namespace {
+
+constexpr const char* kExtensions[] = {".png", ".tif", ".tiff", ".jpg", ".jpeg",
+                                       ".raw", ".bin", ".pgm",  ""};
+constexpr kelvo::tools::RawType kRawTypes[] = {kelvo::tools::RawType::kUnsigned16,
+                                               kelvo::tools::RawType::kSigned16,
+                                               kelvo::tools::RawType::kFloat32};
+
+std::string scratchPath(const std::string& extension) {
+    return "/tmp/kelvo-frame-fuzz-" + std::to_string(getpid()) + extension;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+    FuzzedDataProvider data(bytes, size);
+    const std::string path = scratchPath(data.PickValueInArray(kExtensions));
+    kelvo::tools::RawFormat format;
+    format.type = data.PickValueInArray(kRawTypes);
+    format.width = data.ConsumeIntegralInRange(1, 64);
+    const bool giveFormat = data.ConsumeBool();
+    const bool storedTypes = data.ConsumeBool();
+    const std::string contents = data.ConsumeRemainingBytesAsString();
+    // Most raw files hold a whole number of rows, so that the reader gets past the size check.
+    const size_t rowBytes = format.width * (format.type == kelvo::tools::RawType::kFloat32 ? 4 : 2);
+    format.height = static_cast<int>(std::max<size_t>(1, contents.size() / rowBytes));
+    {
+        std::ofstream file(path, std::ios::binary | std::ios::trunc);
+        file.write(contents.data(), static_cast<std::streamsize>(contents.size()));
+    }
+    try {
+        const kelvo::tools::RawFormat* raw = giveFormat ? &format : nullptr;
+        const cv::Mat frame = storedTypes ? kelvo::tools::readStoredImage(path, raw)
+                                          : kelvo::tools::readFrame(path, raw);
+        if (frame.empty()) {
+            __builtin_trap();  // an empty frame must have been refused with a message
+        }
+    } catch (const std::runtime_error& error) {
+        if (std::string(error.what()).find(path) == std::string::npos) {
+            __builtin_trap();  // every refusal names the file
+        }
+    }
+    std::remove(path.c_str());
+    return 0;
+}

@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vision/superresolution/SrEngineCommon.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+namespace kelvo::vision {
+
+namespace {
+
+// Frames larger than this would overflow the pixel indices of the stages.
+constexpr long long kMaxInputPixels = 1LL << 26;
+// The smallest frame side the registration's filters are defined on.
+constexpr int kMinFrameSide = 8;
+
+}  // namespace
+
+int checkedGeometry(int width, int height, float factor) {
+    if (width < kMinFrameSide || height < kMinFrameSide ||
+        static_cast<long long>(width) * height > kMaxInputPixels) {
+        throw std::invalid_argument("Invalid image size specified.");
+    }
+    // The reconstruction's PSF tables are sized for magnifications in this range.
+    if (!(factor >= 1.0f && factor <= 4.0f)) {
+        throw std::invalid_argument("Invalid magnification factor specified.");
+    }
+    return width;
+}
+
+int checkedWindowSize(int windowSize) {
+    if (windowSize < 1) {
+        throw "Invalid reference index specified.";
+    }
+    return windowSize;
+}
+
+void checkReferenceIndex(int index, int windowSize) {
+    if (index < 0 || index >= windowSize) {
+        throw "Invalid reference index specified.";
+    }
+}
+
+void checkPsfSigma(float sigma) {
+    if (!(sigma > 0.0f)) {
+        throw "Invalid standard deviation of the sensor psf specified.";
+    }
+}
+
+void checkMaxCGIters(int iterations) {
+    if (iterations < 1) {
+        throw "Invalid maximum number of iterations specified.";
+    }
+}
+
+void checkRegError(float error) {
+    if (!(error > 0.0f && error <= 1.0f)) {
+        throw "Invalid maximum registration error specified.";
+    }
+}
+
+void checkWeightTV(float weight) {
+    if (!(weight >= 1.0f) || std::isinf(weight)) {
+        throw "Invalid total-variation term weight specified.";
+    }
+}
+
+void checkRelativeResidue(float residue) {
+    // Reported with the total-variation message, as hosts have always seen it.
+    if (!(static_cast<double>(residue) >= 1e-6) || std::isinf(residue)) {
+        throw "Invalid total-variation term weight specified.";
+    }
+}
+
+float estimateSrFactor(const char* const* masks, int count, int inputSize, int cap) {
+    long long sum = 0;
+    for (int p = 0; p < inputSize; ++p) {
+        int framesSeeing = 0;
+        for (int i = 0; i < count; ++i) {
+            framesSeeing += masks[i][p] != 0;
+        }
+        sum += std::min(framesSeeing, cap) - 1;
+    }
+    return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
+}
+
+void repairResultBadPixels(SuperResolutionBadPixelHandling& handling, float* result,
+                           cv::Size outputSize, const std::vector<cv::Point_<float>>& shifts,
+                           float* const* frames, int count, cv::Size frameSize,
+                           std::vector<cv::Mat_<float>>& frameViews) {
+    cv::Mat_<float> resultMatrix(outputSize.height, outputSize.width, result);
+    handling.maskBadPixel(resultMatrix, shifts);
+    frameViews.clear();
+    for (int i = 0; i < count; ++i) {
+        frameViews.emplace_back(frameSize.height, frameSize.width, frames[i]);
+    }
+    handling.replaceMaskedPixel(resultMatrix, shifts, frameViews);
+}
+
+void copyMasks(const char* const* masks, int count, int width, int height,
+               std::vector<cv::Mat_<unsigned char>>& out) {
+    out.resize(count);
+    for (int i = 0; i < count; ++i) {
+        if (out[i].rows != height || out[i].cols != width || !out[i].isContinuous()) {
+            out[i].release();
+            out[i].create(height, width);
+        }
+        std::memcpy(out[i].ptr(), masks[i], static_cast<size_t>(width) * height);
+    }
+}
+
+}  // namespace kelvo::vision
