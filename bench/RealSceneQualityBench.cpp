@@ -16,6 +16,7 @@
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/simulator/BurstSimulator.h"
 #include "tools/simulator/ImageQuality.h"
+#include "tools/simulator/RealFrames.h"
 #include "vision/superresolution/PsfSigmaEstimator.h"
 #include "vision/superresolution/SrFloat.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
@@ -26,7 +27,6 @@ namespace {
 namespace fs = std::filesystem;
 using kelvo::tools::Burst;
 using kelvo::tools::BurstOptions;
-using kelvo::tools::BurstSimulator;
 using kelvo::tools::ImageQuality;
 using kelvo::vision::PsfSigmaEstimator;
 using Engine = kelvo::vision::SrFloat<kelvo::vision::SrFloatRegistration2>;
@@ -49,16 +49,9 @@ BurstOptions blurOptions(int kind, std::uint64_t seed) {
     return options;
 }
 
+// A 320 x 256 truth from the middle of the still.
 Burst stillBurst(const fs::path& still, const BurstOptions& options) {
-    const BurstSimulator simulator(options);
-    cv::Mat_<float> scene;
-    cv::imread(still.string(), cv::IMREAD_GRAYSCALE).convertTo(scene, CV_32F);
-    const cv::Size truth(320, 256);
-    const int margin = simulator.sceneMargin();
-    const cv::Rect area((scene.cols - truth.width) / 2 - margin,
-                        (scene.rows - truth.height) / 2 - margin, truth.width + 2 * margin,
-                        truth.height + 2 * margin);
-    return simulator.simulate(scene(area).clone());
+    return kelvo::tools::simulateFromImage(still, options, cv::Rect(160, 128, 320, 256));
 }
 
 double superResolvedPsnr(Engine& engine, float sigma, const Burst& burst) {
@@ -154,22 +147,12 @@ const fs::path kBurstE = fs::path(KELVO_SHARED_DATA_DIR) / "hit-uav/bursts/E_1_6
 
 void BM_BurstEUsableFrames(benchmark::State& state) {
     const bool select = state.range(0) != 0;
-    std::vector<fs::path> files;
-    if (fs::is_directory(kBurstE)) {
-        for (const auto& entry : fs::directory_iterator(kBurstE)) {
-            files.push_back(entry.path());
-        }
-    }
-    if (files.size() != 9) {
+    const std::vector<cv::Mat_<float>> frames = fs::is_directory(kBurstE)
+                                                    ? kelvo::tools::readGreyFrames(kBurstE)
+                                                    : std::vector<cv::Mat_<float>>();
+    if (frames.size() != 9) {
         state.SkipWithError("burst E not found");
         return;
-    }
-    std::sort(files.begin(), files.end());
-    std::vector<cv::Mat_<float>> frames;
-    for (const auto& file : files) {
-        cv::Mat_<float> frame;
-        cv::imread(file.string(), cv::IMREAD_GRAYSCALE).convertTo(frame, CV_32F);
-        frames.push_back(frame);
     }
     std::vector<int> window = {4, 5, 6, 7, 8};
     if (!select) {

@@ -8,8 +8,8 @@
 #include <opencv2/imgproc.hpp>
 #include <stdexcept>
 
+#include "vision/superresolution/BurstRegistration.h"
 #include "vision/superresolution/SrFloatMinimization.h"
-#include "vision/superresolution/SrFloatRegistration2.h"
 
 namespace kelvo::vision {
 
@@ -22,7 +22,7 @@ constexpr int kBands = 24;
 constexpr double kLowest = 0.03;
 // A band takes part in the fit when its power is at least this many times the noise
 // share taken off it.
-constexpr double kSignalToNoise = 2.0;
+constexpr double kSignalToNoise = 1.0;
 // Components near half a cycle per pixel are the aliases of the strongest, lowest
 // frequencies, into which the smallest registration error leaks their power.
 constexpr double kHighest = 0.4;
@@ -221,33 +221,14 @@ float PsfSigmaEstimator::estimate(const std::vector<cv::Mat_<float>>& frames,
                 "The PSF sigma needs non-empty frames of one size with finite values.");
         }
     }
-    SrFloatRegistration2 registration(size.width, size.height, count);
-    registration.setRegError(settings.regError);
-    std::vector<cv::Mat_<float>> contiguous(count), registered(count);
-    std::vector<cv::Mat_<signed char>> masks(count);
-    std::vector<const float*> framePointers(count);
-    std::vector<float*> registeredPointers(count);
-    std::vector<char*> maskPointers(count);
-    for (int k = 0; k < count; ++k) {
-        contiguous[k] = frames[k].isContinuous() ? frames[k] : frames[k].clone();
-        framePointers[k] = contiguous[k].ptr<float>();
-        registration.prepareFrame(framePointers[k]);
-        registered[k].create(size);
-        masks[k].create(size);
-        registeredPointers[k] = registered[k].ptr<float>();
-        maskPointers[k] = reinterpret_cast<char*>(masks[k].ptr<signed char>());
-    }
-    std::vector<cv::Point2f> shifts(count);
-    if (registration.doRegistration(count, referencePosition, framePointers.data(), shifts.data(),
-                                    maskPointers.data(), registeredPointers.data()) < 0) {
+    BurstRegistration burst = BurstRegistration::of(frames, referencePosition, settings.regError);
+    if (burst.status < 0) {
         throw std::runtime_error("The frames could not be registered to estimate the PSF sigma.");
     }
     // Whole-pixel moves leave zeros (and pixels carried over from the next row) at the
     // edges: only the part every frame covers takes part.
-    std::vector<cv::Point2f> complete;
-    registration.getCompleteShifts(complete);
     float largest = 0.0f;
-    for (const auto& shift : complete) {
+    for (const auto& shift : burst.completeShifts) {
         largest = std::max({largest, std::abs(shift.x), std::abs(shift.y)});
     }
     const int margin = static_cast<int>(std::ceil(largest)) + 1;
@@ -257,10 +238,10 @@ float PsfSigmaEstimator::estimate(const std::vector<cv::Mat_<float>>& frames,
     if (inside.width < 16 || inside.height < 16) {
         throw std::runtime_error("The frames overlap too little to estimate the PSF sigma.");
     }
-    for (auto& frame : registered) {
+    for (auto& frame : burst.moved) {
         frame = frame(inside);
     }
-    return estimateRegistered(registered, shifts, referencePosition);
+    return estimateRegistered(burst.moved, burst.subPixelShifts, referencePosition);
 }
 
 float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& registered,

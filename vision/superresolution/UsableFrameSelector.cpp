@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #include "platform/kelvo/Exception.h"
-#include "vision/superresolution/SrFloatRegistration2.h"
+#include "vision/superresolution/BurstRegistration.h"
 
 namespace kelvo::vision {
 
@@ -135,40 +135,23 @@ UsableFrameSelector::Selection UsableFrameSelector::select(
     const int held = static_cast<int>(candidates.size());
     const int referencePosition = static_cast<int>(
         std::find(candidates.begin(), candidates.end(), reference) - candidates.begin());
-    SrFloatRegistration2 registration(size.width, size.height, held);
-    registration.setRegError(settings.regError);
-    std::vector<cv::Mat_<float>> contiguous(held), moved(held);
-    std::vector<cv::Mat_<signed char>> masks(held);
-    std::vector<const float*> framePointers(held);
-    std::vector<float*> movedPointers(held);
-    std::vector<char*> maskPointers(held);
-    for (int k = 0; k < held; ++k) {
-        const cv::Mat_<float>& frame = frames[candidates[k]];
-        contiguous[k] = frame.isContinuous() ? frame : frame.clone();
-        framePointers[k] = contiguous[k].ptr<float>();
-        registration.prepareFrame(framePointers[k]);
-        moved[k].create(size);
-        masks[k].create(size);
-        movedPointers[k] = moved[k].ptr<float>();
-        maskPointers[k] = reinterpret_cast<char*>(masks[k].ptr<signed char>());
+    std::vector<cv::Mat_<float>> candidateFrames;
+    for (int k : candidates) {
+        candidateFrames.push_back(frames[k]);
     }
-    std::vector<cv::Point2f> shifts(held), complete;
-    int registered = -1;
+    BurstRegistration burst;
     try {
-        registered =
-            registration.doRegistration(held, referencePosition, framePointers.data(),
-                                        shifts.data(), maskPointers.data(), movedPointers.data());
+        burst = BurstRegistration::of(candidateFrames, referencePosition, settings.regError);
     } catch (const kelvo::Exception&) {
-        registered = -1;  // a displacement of half the frame: reported below
+        burst.status = -1;  // a displacement of half the frame
     }
-    if (registered < 0) {
+    if (burst.status < 0) {
         throw std::runtime_error(
             "The frames that correlate with the reference could not be registered.");
     }
-    registration.getCompleteShifts(complete);
     for (int k = 0; k < held; ++k) {
-        const double valid = cv::countNonZero(masks[k]) / static_cast<double>(size.area());
-        const cv::Point2f d = complete[k];
+        const double valid = cv::countNonZero(burst.masks[k]) / static_cast<double>(size.area());
+        const cv::Point2f d = burst.completeShifts[k];
         if (std::abs(d.x) > limit || std::abs(d.y) > limit) {
             selection.leftOut.push_back({candidates[k], "registered displacement (" +
                                                             describe(d.x, 1) + ", " +

@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <opencv2/imgcodecs.hpp>
 
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/simulator/BurstSimulator.h"
 #include "tools/simulator/ImageQuality.h"
+#include "tools/simulator/RealFrames.h"
 #include "vision/superresolution/PsfSigmaEstimator.h"
 #include "vision/superresolution/SrFloat.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
@@ -16,7 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using kelvo::tools::Burst;
 using kelvo::tools::BurstOptions;
-using kelvo::tools::BurstSimulator;
 using kelvo::tools::ImageQuality;
 using kelvo::vision::PsfSigmaEstimator;
 
@@ -31,12 +30,7 @@ Burst stillBurst(const std::string& still, float sigma, int halfTaps, std::uint6
     options.noiseSigma = 0.5f;
     options.referenceFrame = 1;
     options.seed = seed;
-    const BurstSimulator simulator(options);
-    cv::Mat_<float> scene;
-    cv::imread((kStills / still).string(), cv::IMREAD_GRAYSCALE).convertTo(scene, CV_32F);
-    const int margin = simulator.sceneMargin();
-    return simulator.simulate(
-        scene(cv::Rect(200, 160, 256 + 2 * margin, 192 + 2 * margin)).clone());
+    return kelvo::tools::simulateFromImage(kStills / still, options, cv::Rect(200, 160, 256, 192));
 }
 
 class PsfSigmaEstimatorOnStills : public testing::Test {

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <opencv2/imgcodecs.hpp>
 
+#include "tools/simulator/RealFrames.h"
 #include "vision/superresolution/UsableFrameSelector.h"
 
 namespace {
@@ -13,29 +13,13 @@ using kelvo::vision::UsableFrameSelector;
 
 const fs::path kBurstE = fs::path(KELVO_SHARED_DATA_DIR) / "hit-uav/bursts/E_1_60_60_00524-00532";
 
-std::vector<cv::Mat_<float>> readFrames(const fs::path& folder, std::vector<std::string>& names) {
-    std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(folder)) {
-        files.push_back(entry.path());
-    }
-    std::sort(files.begin(), files.end());
-    std::vector<cv::Mat_<float>> frames;
-    for (const auto& file : files) {
-        cv::Mat_<float> frame;
-        cv::imread(file.string(), cv::IMREAD_GRAYSCALE).convertTo(frame, CV_32F);
-        frames.push_back(frame);
-        names.push_back(file.stem().string());
-    }
-    return frames;
-}
-
 class UsableFramesOfBurstE : public testing::Test {
 protected:
     void SetUp() override {
         if (!fs::is_directory(kBurstE)) {
             GTEST_SKIP() << "real frames not found in " << kBurstE << "; skipping";
         }
-        frames = readFrames(kBurstE, names);
+        frames = kelvo::tools::readGreyFrames(kBurstE, &names);
         ASSERT_EQ(frames.size(), 9u);
     }
     std::vector<std::string> names;
