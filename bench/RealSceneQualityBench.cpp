@@ -156,11 +156,16 @@ void BM_BurstEUsableFrames(benchmark::State& state) {
     }
     std::vector<int> window = {4, 5, 6, 7, 8};
     if (!select) {
-        // What the sensor blur estimate costs on real 640 x 512 frames.
+        // What the sensor blur estimate costs on real 640 x 512 frames (these compressed
+        // frames agree on too little fine detail: it declines, after the same work).
         kelvo::tools::QuietStandardOutput silenced;
         const std::vector<cv::Mat_<float>> first(frames.begin(), frames.begin() + 5);
         const auto start = std::chrono::steady_clock::now();
-        state.counters["sigma_est"] = PsfSigmaEstimator().estimate(first, 1);
+        try {
+            state.counters["sigma_est"] = PsfSigmaEstimator().estimate(first, 1);
+        } catch (const std::runtime_error&) {
+            state.counters["sigma_est"] = 0.0;
+        }
         state.counters["estimate_ms"] =
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
                 .count();

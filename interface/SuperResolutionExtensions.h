@@ -139,7 +139,8 @@ int SuperResolution_setTimingLines(int handle, int destination,
    sensor blur. Costs one registration of the frames and a few tens of milliseconds besides,
    whatever the frame size; for a sequence, estimate once and set the value for every window.
    Fails with SR_ERROR and a message when fewer than four frames are held, when they do not
-   register, or when they show too little structure. */
+   register, or when they show too little structure or agree on too little fine detail
+   (compressed frames, moving objects). */
 int SuperResolution_estimatePsfSigma(int handle, float* sigma);
 
 #ifdef __cplusplus

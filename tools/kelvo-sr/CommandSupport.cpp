@@ -158,7 +158,10 @@ void resolvePsfSigma(EngineOptions& options, const std::vector<cv::Mat_<float>>&
     try {
         sigma = vision::PsfSigmaEstimator().estimate(pass, reference);
     } catch (const std::exception& error) {
-        throw std::runtime_error(std::string("--psf-sigma auto: ") + error.what());
+        options.psfSigma.clear();
+        std::cerr << "warning: --psf-sigma auto: " << error.what()
+                  << " The sensor blur stays the camera's or the default." << std::endl;
+        return;
     }
     std::ostringstream text;
     text << sigma;

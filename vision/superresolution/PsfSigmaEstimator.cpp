@@ -6,6 +6,7 @@
 #include <limits>
 #include <numeric>
 #include <opencv2/imgproc.hpp>
+#include <sstream>
 #include <stdexcept>
 
 #include "vision/superresolution/BurstRegistration.h"
@@ -20,6 +21,8 @@ constexpr double kPi = 3.14159265358979323846;
 // high-resolution pixel; the lowest frequencies say more about the window than the PSF.
 constexpr int kBands = 24;
 constexpr double kLowest = 0.03;
+// The finest band the fit needs to take part.
+constexpr double kHighestNeeded = 0.18;
 // A band takes part in the fit when its power is at least this many times the noise
 // share taken off it.
 constexpr double kSignalToNoise = 1.0;
@@ -279,6 +282,17 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
     }
     if (spectrum.size() < 4) {
         throw std::runtime_error("The frames show too little structure to estimate the PSF sigma.");
+    }
+    // Below a fifth of a cycle per pixel the candidate blurs differ too little from a
+    // steeper scene to tell them apart: the estimate would swing between the ends of the
+    // range. Real frames get there when compression, moving objects or a changing gain
+    // raise the frames' disagreement (the noise measured) over the fine detail.
+    if (spectrum.back().frequency < kHighestNeeded) {
+        std::ostringstream text;
+        text.precision(2);
+        text << "The frames agree on detail only up to " << spectrum.back().frequency
+             << " cycles per result pixel, too little to estimate the PSF sigma.";
+        throw std::runtime_error(text.str());
     }
 
     // Every candidate sigma: the kernel's mean power response per band, and how well the
