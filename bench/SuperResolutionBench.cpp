@@ -1,12 +1,17 @@
 // Whole-pass and registration timings, and the quality gain over bicubic upscaling,
-// at the input sizes of common thermal sensors. Single-threaded.
+// at the input sizes of common thermal sensors and one larger, with one and two
+// engine threads (the third argument).
 #include <benchmark/benchmark.h>
 
+#include <type_traits>
+#include <utility>
 
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/simulator/BurstSimulator.h"
 #include "tools/simulator/ImageQuality.h"
 #include "vision/superresolution/SrFloat.h"
+#include "vision/superresolution/SrFloatNeon.h"
+#include "vision/superresolution/SrFloatNeonRegistration.h"
 #include "vision/superresolution/SrFloatRegistration1.h"
 #include "vision/superresolution/SrFloatRegistration2.h"
 
@@ -41,6 +46,11 @@ void BM_ComputeSR(benchmark::State& state) {
     const Burst burst = burstFor(width, height);
     EngineType engine(width, height, 5, 2.0f);
     configure(engine);
+    // The four-lane engine has one thread only.
+    if constexpr (!std::is_same_v<EngineType, kelvo::vision::SrFloatNeon<
+                                                  kelvo::vision::SrFloatNeonRegistration>>) {
+        engine.setThreads(static_cast<int>(state.range(2)));
+    }
     for (const auto& frame : burst.frames) {
         engine.addFrame(frame);
     }
@@ -56,6 +66,19 @@ void BM_ComputeSR(benchmark::State& state) {
     state.counters["psnr_bicubic_dB"] = bicubic;
     state.counters["psnr_sr_dB"] = superResolved;
     state.counters["gain_dB"] = superResolved - bicubic;
+    // Time per input megapixel: flat when the cost grows with the pixel count.
+    state.counters["per_MPixel"] = benchmark::Counter(
+        static_cast<double>(width) * height / 1e6,
+        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+// The cheapest upscaling of the same reference frame, the yardstick of the pass's time.
+void BM_BicubicUpscale(benchmark::State& state) {
+    const Burst burst =
+        burstFor(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ImageQuality::upscaleBicubic(burst.frames[1]));
+    }
 }
 
 void BM_AddFrame(benchmark::State& state) {
@@ -101,10 +124,31 @@ void sensorSizes(benchmark::internal::Benchmark* benchmark) {
     benchmark->Unit(benchmark::kMillisecond);
 }
 
-BENCHMARK_TEMPLATE(BM_ComputeSR, Engine)->Apply(sensorSizes);
+// Input sizes from 160x120 to 1280x1024 with one engine thread, and with two.
+void sizesAndThreads(benchmark::internal::Benchmark* benchmark) {
+    for (int threads : {1, 2}) {
+        for (const auto& [width, height] :
+             {std::pair{160, 120}, {320, 240}, {640, 480}, {640, 512}, {1280, 1024}}) {
+            benchmark->Args({width, height, threads});
+        }
+    }
+    // Wall-clock time: with two threads the caller's processor time says little.
+    benchmark->Unit(benchmark::kMillisecond)->UseRealTime();
+}
+
+void sensorSizesOneThread(benchmark::internal::Benchmark* benchmark) {
+    benchmark->Args({160, 120, 1})->Args({320, 240, 1})->Args({640, 480, 1})->Args({640, 512, 1});
+    benchmark->Unit(benchmark::kMillisecond);
+}
+
+BENCHMARK_TEMPLATE(BM_ComputeSR, Engine)->Apply(sizesAndThreads);
 BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloat<kelvo::vision::SrFloatRegistration1>)
-    ->Apply(sensorSizes);
+    ->Apply(sensorSizesOneThread);
+// The four-lane engine: NEON on ARM, its SIMDe translation elsewhere.
+BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloatNeon<kelvo::vision::SrFloatNeonRegistration>)
+    ->Apply(sensorSizesOneThread);
 BENCHMARK(BM_Registration)->Apply(sensorSizes);
+BENCHMARK(BM_BicubicUpscale)->Apply(sensorSizes);
 BENCHMARK(BM_AddFrame)->Apply(sensorSizes);
 
 }  // namespace

@@ -20,4 +20,19 @@ SuperResolutionEngine* engineOf(int handle);
 // Returns false for an invalid handle or a folder that does not exist.
 bool openDiagnosticWriter(int handle, const std::string& folder);
 
+// What SuperResolution_init gives every context, for C++ hosts that build their own engines (the
+// phase-correlation registration, one engine per thread) and want the results of a context.
+constexpr int contextWindowSize = 5;
+constexpr float contextFactor = 2.0f;
+template <class Engine>
+void applyContextSettings(Engine& engine) {
+    engine.setReferenceIndex(3);
+    engine.setWeightTV(400.0f);
+    engine.setRegError(0.0001f);
+    engine.setRelativeResidue(0.007f);
+}
+
+// The sensor PSF sigma that SuperResolution_setCameraAndLensType sets for a camera and lens text.
+float psfSigmaOfCameraAndLensType(const std::string& cameraAndLensType);
+
 }  // namespace kelvo::interface

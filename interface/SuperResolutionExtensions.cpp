@@ -221,6 +221,23 @@ int SuperResolution_getPsfSigma(int handle, float* sigma) {
     });
 }
 
+int SuperResolution_setThreads(int handle, int threads) {
+    return withRecord(handle, [threads](ContextRecord& record) {
+        record.engine->setThreads(threads);
+        return static_cast<int>(SR_OK);
+    });
+}
+
+int SuperResolution_getThreads(int handle, int* threads) {
+    return withRecord(handle, [threads](ContextRecord& record) {
+        if (threads == nullptr) {
+            return rejectNull();
+        }
+        *threads = record.engine->getThreads();
+        return static_cast<int>(SR_OK);
+    });
+}
+
 int SuperResolution_setReferenceFrameChecked(int handle, int index) {
     return withRecord(handle, [index](ContextRecord& record) -> int {
         record.engine->setReferenceIndex(index);
@@ -288,6 +305,32 @@ int SuperResolution_setTimingLines(int handle, int destination,
                               std::to_string(destination) + ".");
         }
     });
+}
+
+/* ---- Sized copies ---- */
+
+int SuperResolution_getSuperresolutionImageSized(int handle, float* output, int capacity) {
+    const ContextRecord* record = liveRecord(handle);
+    if (record == nullptr) {
+        return rejectInvalidContext();
+    }
+    if (output == nullptr) {
+        return rejectNull();
+    }
+    const size_t needed = record->outputImage.total();
+    if (capacity < 0 || static_cast<size_t>(capacity) < needed) {
+        return reject("Buffer too small: " + std::to_string(needed) + " floats needed.");
+    }
+    return SuperResolution_getSuperresolutionImage(handle, output);
+}
+
+int SuperResolution_getErrorMessageSized(char* buffer, int size) {
+    // A failure here must not replace the message the host is asking for.
+    if (buffer == nullptr || size < 1) {
+        return SR_ERROR;
+    }
+    buffer[size - 1] = '\0';
+    return SuperResolution_getErrorMessage(buffer, size - 1);
 }
 
 }  // extern "C"

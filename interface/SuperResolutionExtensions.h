@@ -60,12 +60,12 @@ int SuperResolution_getValidRange(int handle, float* minimum, float* maximum);
 /* ---- Known defective pixels ------------------------------------------------------------- */
 
 /* Names the sensor's known defective pixels: count (x, y) pairs, x0, y0, x1, y1, ..., each inside
-   the frame. From the next frame on, every frame handed to SuperResolution_addImage is repaired
-   at these pixels from their neighbours (the host's buffer is not changed), and the result pixels
-   they influence are refilled from the other frames. A defect without enough good neighbours
-   (inside a cluster of defects) takes the frame's lowest valid value instead; that does not make
-   SuperResolution_addImage report SR_BAD_PIXELS. A count of 0 forgets the list (positions may
-   then be NULL). A rejected list leaves the previous one in place. */
+   the frame, at most as many as the frame has pixels. From the next frame on, every frame handed to
+   SuperResolution_addImage is repaired at these pixels from their neighbours (the host's buffer is
+   not changed), and the result pixels they influence are refilled from the other frames. A defect
+   without enough good neighbours (inside a cluster of defects) takes the frame's lowest valid value
+   instead; that does not make SuperResolution_addImage report SR_BAD_PIXELS. A count of 0 forgets
+   the list (positions may then be NULL). A rejected list leaves the previous one in place. */
 int SuperResolution_setDefectivePixels(int handle, const int* positions, int count);
 
 int SuperResolution_getDefectivePixelCount(int handle, int* count);
@@ -79,7 +79,7 @@ int SuperResolution_getDefectivePixelCount(int handle, int* count);
    frame's displacement exceeded a tenth of the frame height (results of -3 and -6 are written
    and usable); -998 when registration failed (the previous result stays in place); -999 when the
    pass failed with an error, whose message SuperResolution_addImage set.
-   factorEstimate: the super-resolution factor estimate, 1 .. 2 (0 when the pass stopped before
+   factorEstimate: the super-resolution factor estimate, 0.75 .. 2 (0 when the pass stopped before
    it was computed). frameCount: the frames the pass used (window positions 0 .. frameCount - 1,
    oldest first). referencePosition: the window position of the reference frame. */
 int SuperResolution_getLastPass(int handle, int* status, float* factorEstimate, int* frameCount,
@@ -128,7 +128,31 @@ int SuperResolution_setTimingLines(int handle, int destination,
 
 /* ---- Threads ---------------------------------------------------------------------------- */
 
+/* Different contexts may be used on different threads at the same time: opening, looking up and
+   releasing contexts and the stored message are guarded inside the library, and each context
+   computes on the thread that calls it. The calls on one context must not overlap, and a context
+   must not be released while another thread still uses it. The stored message is the last
+   failure of any thread. */
+
+/* The number of threads, 1 .. 64, that share each pass of the context (OpenCV's parallel_for_;
+   OpenCV's own functions follow cv::setNumThreads). 1, the default, computes the whole pass on
+   the thread that adds the frame. The result is the same to the bit for any count. */
+int SuperResolution_setThreads(int handle, int threads);
+
+int SuperResolution_getThreads(int handle, int* threads);
+
 /* ---- Sized copies ----------------------------------------------------------------------- */
+
+/* Like SuperResolution_getSuperresolutionImage, for a buffer of `capacity` floats: one too small
+   for the (2 * width) * (2 * height) floats of the result receives nothing and gives SR_ERROR
+   with the message "Buffer too small: N floats needed.". Otherwise the same codes,
+   SR_TOO_FEW_IMAGES included. */
+int SuperResolution_getSuperresolutionImageSized(int handle, float* output, int capacity);
+
+/* Like SuperResolution_getErrorMessage, but the text always ends with its terminator within the
+   `size` bytes of the buffer, cut to size - 1 characters if need be. A null buffer or a size below
+   1 gives SR_ERROR and leaves the stored message as it was. */
+int SuperResolution_getErrorMessageSized(char* buffer, int size);
 
 /* ---- Sensor blur estimate --------------------------------------------------------------- */
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <opencv2/core.hpp>
 #include <sstream>
 #include <string>
@@ -16,12 +17,10 @@ namespace {
 
 using kelvo::interface::SuperResolutionEngine;
 
-constexpr int framesPerResult = 5;
-constexpr float magnification = 2.0f;
-constexpr int defaultReferenceIndex = 3;
-constexpr float defaultWeightTV = 400.0f;
-constexpr float defaultRegError = 0.0001f;
-constexpr float defaultRelativeResidue = 0.007f;
+constexpr int framesPerResult = kelvo::interface::contextWindowSize;
+constexpr float magnification = kelvo::interface::contextFactor;
+
+// What the pass returns instead of its factor estimate.
 constexpr float engineStatusBadPixels = -2.0f;
 constexpr float engineStatusMaskHalfEmpty = -3.0f;
 constexpr float engineStatusTooLargeDisplacement = -6.0f;
@@ -31,16 +30,22 @@ using kelvo::interface::liveRecord;
 using kelvo::interface::rejectInvalidContext;
 using kelvo::interface::setError;
 
-// Handles index this table. Released records stay in it for reuse, so it never shrinks.
-std::vector<ContextRecord>& contextTable() {
-    static std::vector<ContextRecord> table;
+// Handles index this table. Released records stay in it for reuse, so it never shrinks, and
+// each record keeps its address while the table grows: a thread working on its context holds
+// the record without the lock, while other threads open, look up and release theirs.
+// (Both are built on first use, so that hosts may call in from their own static initialisers.)
+std::vector<std::unique_ptr<ContextRecord>>& contextTable() {
+    static std::vector<std::unique_ptr<ContextRecord>> table;
     return table;
 }
+std::mutex contextTableMutex;
 
+// The message of the last failure, shared by all contexts.
 std::string& lastErrorMessage() {
     static std::string message;
     return message;
 }
+std::mutex lastErrorMessageMutex;
 
 template <class Request>
 int guarded(Request request) {
@@ -120,15 +125,21 @@ float psfSigmaOf(const CameraType& type) {
 
 namespace kelvo::interface {
 
+float psfSigmaOfCameraAndLensType(const std::string& cameraAndLensType) {
+    return psfSigmaOf(parseCameraType(cameraAndLensType));
+}
+
 ContextRecord* liveRecord(int handle) {
-    std::vector<ContextRecord>& table = contextTable();
-    if (handle < 0 || handle >= static_cast<int>(table.size()) || !table[handle].engine) {
+    const std::lock_guard<std::mutex> lock(contextTableMutex);
+    const auto& table = contextTable();
+    if (handle < 0 || handle >= static_cast<int>(table.size()) || !table[handle]->engine) {
         return nullptr;
     }
-    return &table[handle];
+    return table[handle].get();
 }
 
 void setError(const std::string& message) {
+    const std::lock_guard<std::mutex> lock(lastErrorMessageMutex);
     lastErrorMessage() = message;
 }
 
@@ -157,23 +168,23 @@ int SuperResolution_init(int width, int height) {
         const std::string unusedLogFile(logFile);
     }
     try {
-        std::vector<ContextRecord>& table = contextTable();
-        auto freeRecord = std::find_if(table.begin(), table.end(),
-                                       [](const ContextRecord& record) { return !record.engine; });
-        if (freeRecord == table.end()) {
-            table.emplace_back();
-            freeRecord = std::prev(table.end());
-        }
-        ContextRecord& record = *freeRecord;
-        // The record turns live only once everything succeeded.
+        // The engine is built outside the lock; the record turns live only once everything
+        // succeeded.
         auto engine =
             std::make_unique<SuperResolutionEngine>(width, height, framesPerResult, magnification);
         cv::Mat outputImage = cv::Mat::zeros(static_cast<int>(magnification * height),
                                              static_cast<int>(magnification * width), CV_32F);
-        engine->setReferenceIndex(defaultReferenceIndex);
-        engine->setWeightTV(defaultWeightTV);
-        engine->setRegError(defaultRegError);
-        engine->setRelativeResidue(defaultRelativeResidue);
+        kelvo::interface::applyContextSettings(*engine);
+        const std::lock_guard<std::mutex> lock(contextTableMutex);
+        auto& table = contextTable();
+        auto freeRecord = std::find_if(
+            table.begin(), table.end(),
+            [](const std::unique_ptr<ContextRecord>& record) { return !record->engine; });
+        if (freeRecord == table.end()) {
+            table.push_back(std::make_unique<ContextRecord>());
+            freeRecord = std::prev(table.end());
+        }
+        ContextRecord& record = **freeRecord;
         record.width = width;
         record.height = height;
         record.imageCount = 0;
@@ -245,7 +256,7 @@ int SuperResolution_setCameraAndLensType(int handle, const char* cameraAndLensTy
         return rejectInvalidContext();
     }
     const std::string text = cameraAndLensType != nullptr ? cameraAndLensType : "";
-    record->engine->setPsfSigma(psfSigmaOf(parseCameraType(text)));
+    record->engine->setPsfSigma(kelvo::interface::psfSigmaOfCameraAndLensType(text));
     return SR_OK;
 }
 
@@ -295,6 +306,7 @@ int SuperResolution_getSuperresolutionImage(int handle, float* output) {
 
 int SuperResolution_getErrorMessage(char* buffer, int size) {
     if (buffer != nullptr && size > 0) {
+        const std::lock_guard<std::mutex> lock(lastErrorMessageMutex);
         std::strncpy(buffer, lastErrorMessage().c_str(), static_cast<std::size_t>(size));
     }
     return SR_OK;
@@ -305,14 +317,17 @@ int SuperResolution_release(int handle) {
     if (record == nullptr) {
         return rejectInvalidContext();
     }
-    record->engine.reset();
+    if (record->diagnosticWriter.isOpen()) {
+        record->diagnosticWriter.close();
+    }
     record->outputImage.release();
     record->knownBadPixels.clear();
     record->width = 0;
     record->height = 0;
-    if (record->diagnosticWriter.isOpen()) {
-        record->diagnosticWriter.close();
-    }
+    // Freeing the engine frees the record for the next SuperResolution_init.
+    std::unique_ptr<SuperResolutionEngine> engine;
+    const std::lock_guard<std::mutex> lock(contextTableMutex);
+    engine.swap(record->engine);
     return SR_OK;
 }
 

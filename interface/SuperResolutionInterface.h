@@ -20,8 +20,13 @@
  * the handle, or SR_INIT_FAILED). The message of the last failure is shared by all contexts and
  * stays until the next failure.
  *
- * Calls are not synchronised: a host calls from one thread at a time. The reference index given
- * to SuperResolution_setReferenceFrame counts back from the newest frame and must lie in 0..4: an
+ * Threads: different contexts may be used on different threads at the same time (each context
+ * computes on the thread that calls it; opening, looking up and releasing contexts and the stored
+ * message are guarded inside the library). The calls on one context must not overlap: a host
+ * serialises them, and must not release a context while another thread still uses it. The stored
+ * message is the last failure of any thread.
+ *
+ * The reference index given to SuperResolution_setReferenceFrame counts back from the newest frame and must lie in 0..4: an
  * index outside raises a C++ exception of type const char* ("Invalid reference index
  * specified."), which a C host cannot catch.
  */

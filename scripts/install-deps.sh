@@ -4,7 +4,10 @@
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config clang-format clang libclang-rt-14-dev
-          libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libsimde-dev)
+          libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libsimde-dev
+          # The Python module, its tests, the cluster runner and the example script.
+          pybind11-dev python3-pybind11 python3-dev python3-numpy python3-pytest
+          python3-dask python3-distributed python3-matplotlib)
 
 missing=()
 for package in "${packages[@]}"; do

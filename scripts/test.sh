@@ -34,8 +34,12 @@ for compiler in build build-clang; do
     # shellcheck disable=SC2086
     "$compiler/tools/kelvo-sr" burst $burst -o "$compared/$compiler-burst.tiff" >/dev/null
     "$compiler/tools/kelvo-sr" demo --width 96 --height 64 -o "$compared/$compiler-demo" >/dev/null
+    # shellcheck disable=SC2086
+    "$compiler/tools/kelvo-sr" burst $burst --engine reference --values temperature \
+        -o "$compared/$compiler-reference.tiff" >/dev/null
 done
 cmp "$compared/build-burst.tiff" "$compared/build-clang-burst.tiff"
+cmp "$compared/build-reference.tiff" "$compared/build-clang-reference.tiff"
 for file in "$compared/build-demo"/*; do
     cmp "$file" "$compared/build-clang-demo/$(basename "$file")"
 done

@@ -5,13 +5,14 @@
 // outside the buffers the host gave.
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "interface/SuperResolutionInterface.h"
+#include "interface/SuperResolutionExtensions.h"
 
 namespace {
 
@@ -74,6 +75,91 @@ std::vector<float> makeFrame(FuzzedDataProvider& data, const Context& context) {
     return frame;
 }
 
+void ignoreLine(const char*, void*) {}
+
+// An arbitrary float: any bit pattern, NaN and infinities included.
+float anyFloat(FuzzedDataProvider& data) {
+    const uint32_t bits = data.ConsumeIntegral<uint32_t>();
+    float value;
+    std::memcpy(&value, &bits, sizeof value);
+    return value;
+}
+
+// One call of the extension header with arbitrary arguments.
+int callExtension(FuzzedDataProvider& data, const std::vector<Context>& live) {
+    const int handle = pickHandle(data, live);
+    const Context* context = contextOf(live, handle);
+    int a = 0, b = 0, c = 0, d = 0;
+    float x = 0.0f, y = 0.0f, z = 0.0f;
+    switch (data.ConsumeIntegralInRange(0, 15)) {
+        case 0:
+            return SuperResolution_getVersion(&a, data.ConsumeBool() ? &b : nullptr, &c);
+        case 1: {
+            std::vector<char> text(data.ConsumeIntegralInRange(0, 8));
+            return SuperResolution_getVersionText(text.data(), static_cast<int>(text.size()));
+        }
+        case 2:
+            return SuperResolution_setFrameValues(handle, data.ConsumeIntegralInRange(-1, 2));
+        case 3:
+            return SuperResolution_setValidRange(handle, anyFloat(data), anyFloat(data));
+        case 4:
+            return SuperResolution_getValidRange(handle, &x, data.ConsumeBool() ? &y : nullptr);
+        case 5: {
+            // Positions near the frame, the count sometimes larger than the list.
+            std::vector<int> positions(2 * data.ConsumeIntegralInRange(0, 6));
+            for (int& position : positions) {
+                position = data.ConsumeIntegralInRange(-2, 26);
+            }
+            const int count = data.ConsumeBool() ? static_cast<int>(positions.size() / 2)
+                                                 : data.ConsumeIntegralInRange(-1, 3);
+            return SuperResolution_setDefectivePixels(
+                handle, positions.empty() && data.ConsumeBool() ? nullptr : positions.data(),
+                std::min(count, static_cast<int>(positions.size() / 2)));
+        }
+        case 6:
+            return SuperResolution_getDefectivePixelCount(handle, &a);
+        case 7:
+            return SuperResolution_getLastPass(handle, &a, &x, data.ConsumeBool() ? &b : nullptr,
+                                               &c);
+        case 8:
+            return SuperResolution_getLastPassFrame(handle, data.ConsumeIntegralInRange(-1, 6), &x,
+                                                    &y, &z);
+        case 9:
+            return SuperResolution_setPsfSigma(handle, anyFloat(data));
+        case 10:
+            return SuperResolution_getPsfSigma(handle, &x);
+        case 11:
+            return SuperResolution_setReferenceFrameChecked(handle,
+                                                            data.ConsumeIntegralInRange(-2, 6));
+        case 12:
+            return SuperResolution_getReferenceFrame(handle, &d);
+        case 13: {
+            const int destination = data.ConsumeIntegralInRange(-1, 3);
+            return SuperResolution_setTimingLines(
+                handle, destination, data.ConsumeBool() ? ignoreLine : nullptr, nullptr);
+        }
+        case 14: {
+            // Capacities around the result's size; the buffer is exactly as large as claimed.
+            const size_t needed =
+                context != nullptr ? 4 * static_cast<size_t>(context->width) * context->height : 0;
+            const int capacity =
+                static_cast<int>(needed) + data.ConsumeIntegralInRange(-2, 2) * (needed > 0);
+            std::vector<float> output(static_cast<size_t>(std::max(capacity, 0)));
+            return SuperResolution_getSuperresolutionImageSized(
+                handle, output.empty() ? nullptr : output.data(), capacity);
+        }
+        default: {
+            const int size = data.ConsumeIntegralInRange(-1, 40);
+            std::vector<char> text(static_cast<size_t>(std::max(size, 1)), 'x');
+            const int status = SuperResolution_getErrorMessageSized(text.data(), size);
+            if (status == SR_OK && std::memchr(text.data(), '\0', text.size()) == nullptr) {
+                __builtin_trap();  // the sized copy always terminates
+            }
+            return status;
+        }
+    }
+}
+
 void release(std::vector<Context>& live, int handle) {
     check(SuperResolution_release(handle));
     for (size_t i = 0; i < live.size(); ++i) {
@@ -90,7 +176,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
     std::vector<Context> live;
     for (int step = 0; step < 64 && data.remaining_bytes() > 0; ++step) {
-        switch (data.ConsumeIntegralInRange<int>(0, 7)) {
+        switch (data.ConsumeIntegralInRange<int>(0, 8)) {
             case 0: {
                 if (live.size() >= kMaxHandles) {
                     break;
@@ -100,6 +186,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
                 const int handle = SuperResolution_init(width, height);
                 if (handle >= 0) {
                     live.push_back({handle, width, height});
+                    // Timing lines on standard output only slow the search down.
+                    check(SuperResolution_setTimingLines(handle, SR_TIMING_NONE, nullptr, nullptr));
                 } else {
                     check(handle);
                 }
@@ -165,6 +253,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
             }
             case 7:
                 release(live, pickHandle(data, live));
+                break;
+            case 8:
+                check(callExtension(data, live));
                 break;
         }
     }

@@ -84,6 +84,8 @@ TEST(SuperResolutionExtensions, EveryFunctionRejectsInvalidHandlesNullPointersAn
         expectFailure(SuperResolution_getReferenceFrame(handle, &i), invalid);
         expectFailure(SuperResolution_setTimingLines(handle, SR_TIMING_NONE, nullptr, nullptr),
                       invalid);
+        expectFailure(SuperResolution_setThreads(handle, 2), invalid);
+        expectFailure(SuperResolution_getThreads(handle, &i), invalid);
     }
 
     const int handle = live.handle;
@@ -96,6 +98,11 @@ TEST(SuperResolutionExtensions, EveryFunctionRejectsInvalidHandlesNullPointersAn
     expectFailure(SuperResolution_getLastPassFrame(handle, 0, &f, &g, nullptr), null);
     expectFailure(SuperResolution_getPsfSigma(handle, nullptr), null);
     expectFailure(SuperResolution_getReferenceFrame(handle, nullptr), null);
+    expectFailure(SuperResolution_getThreads(handle, nullptr), null);
+    for (const int threads : {0, 65}) {
+        expectFailure(SuperResolution_setThreads(handle, threads),
+                      "Invalid number of threads specified.");
+    }
 
     expectFailure(SuperResolution_setFrameValues(handle, 2),
                   "Invalid frame values specified: 2 (SR_VALUES_TEMPERATURE 0 or "
@@ -137,6 +144,8 @@ TEST(SuperResolutionExtensions, EveryFunctionRejectsInvalidHandlesNullPointersAn
     EXPECT_EQ(f, 0.683f);
     EXPECT_EQ(SuperResolution_getReferenceFrame(handle, &i), SR_OK);
     EXPECT_EQ(i, 3);
+    EXPECT_EQ(SuperResolution_getThreads(handle, &i), SR_OK);
+    EXPECT_EQ(i, 1);
 }
 
 TEST(SuperResolutionExtensions, VersionIsTheProjectVersion) {
@@ -171,6 +180,8 @@ TEST(SuperResolutionExtensions, SettingsReachTheEngine) {
     EXPECT_EQ(engine->getPsfSigma(), 0.9f);
     ASSERT_EQ(SuperResolution_setReferenceFrameChecked(context.handle, 4), SR_OK);
     EXPECT_EQ(engine->getReferenceIndex(), 4);
+    ASSERT_EQ(SuperResolution_setThreads(context.handle, 3), SR_OK);
+    EXPECT_EQ(engine->getThreads(), 3);
 
     // A context opened in a released slot starts from the defaults again.
     const int positions[] = {3, 4, 5, 6};

@@ -9,10 +9,12 @@
 #include <limits>
 #include <opencv2/imgproc.hpp>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "InterfaceTestScene.h"
 #include "interface/SuperResolutionContext.h"
+#include "interface/SuperResolutionExtensions.h"
 
 namespace {
 
@@ -358,6 +360,46 @@ TEST(SuperResolutionInterface, FramesCanBeWrittenToADiagnosticFolder) {
     reopened.add(burstFrame(2));
     EXPECT_FALSE(std::filesystem::exists(folder / "frame_000001.tiff")) << "release closes it";
     std::filesystem::remove_all(folder);
+}
+
+// Four contexts on four threads at once, each opened, fed, read and released on its thread while
+// the others fail calls and read the shared message, two of them sharing their passes with a
+// thread of their own: every result equals the one computed alone.
+TEST(SuperResolutionInterface, ContextsOnDifferentThreadsRunConcurrently) {
+    constexpr int threadCount = 4;
+    auto run = [](int offset) {
+        const int handle = SuperResolution_init(width, height);
+        EXPECT_EQ(SuperResolution_setThreads(handle, 1 + offset % 2), SR_OK);
+        std::vector<float> result(4 * width * height, -1.0f);
+        for (int i = 0; i < 6; ++i) {
+            SuperResolution_addImage(handle, burstFrame((i + offset) % 6).data());
+            EXPECT_EQ(SuperResolution_addImage(handle, nullptr), SR_ERROR);
+            char message[64] = {};
+            SuperResolution_getErrorMessage(message, sizeof(message) - 1);
+            EXPECT_TRUE(std::string(message) == "ir image data pointer is NULL" ||
+                        std::string(message) == "Context invalid.")
+                << message;
+        }
+        EXPECT_EQ(SuperResolution_getSuperresolutionImage(handle, result.data()), SR_OK);
+        EXPECT_EQ(SuperResolution_release(handle), SR_OK);
+        EXPECT_EQ(SuperResolution_release(handle), SR_ERROR);
+        return result;
+    };
+    std::vector<std::vector<float>> alone;
+    for (int t = 0; t < threadCount; ++t) {
+        alone.push_back(run(t));
+    }
+    std::vector<std::vector<float>> together(threadCount);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < threadCount; ++t) {
+        threads.emplace_back([&, t] { together[t] = run(t); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (int t = 0; t < threadCount; ++t) {
+        EXPECT_EQ(together[t], alone[t]) << "thread " << t;
+    }
 }
 
 }  // namespace

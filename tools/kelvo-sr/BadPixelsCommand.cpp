@@ -28,6 +28,8 @@ using Table = BadPixelTable;
 constexpr int kWidestRange = 32767;
 // The replacement choice counts table rows in 16 bits.
 constexpr int kMostTableRows = 32767;
+// Positions, and the value histogram's row and column counters, are 16-bit.
+constexpr int kLargestSide = 65535;
 
 // "16-bit unsigned", "8-bit unsigned 3-channel", ... in the order of OpenCV's depths.
 std::string describeDepth(const cv::Mat& image) {
@@ -47,6 +49,12 @@ cv::Mat readImage(const BadPixelsOptions& options) {
                                  " values: bad pixels are searched in single-channel 16-bit "
                                  "images (PNG, TIFF, or headerless raw with --size and --type "
                                  "u16|i16).");
+    }
+    if (image.cols > kLargestSide || image.rows > kLargestSide) {
+        throw std::runtime_error("'" + options.input + "' is " + std::to_string(image.cols) + "x" +
+                                 std::to_string(image.rows) +
+                                 " pixels: the bad-pixel search handles images of at most " +
+                                 std::to_string(kLargestSide) + " rows and columns.");
     }
     return image;
 }

@@ -17,7 +17,6 @@ namespace kelvo::tools {
 namespace {
 
 constexpr std::size_t kBurstFrames = 5;
-constexpr int kRegistrationFailed = -998;
 constexpr int kTooLargeDisplacement = -6;
 
 // The frames of the pass (indices of the frames given, oldest first) and its reference
@@ -130,10 +129,8 @@ int runBurst(const BurstCommandOptions& options) {
                   << std::endl;
     }
     int lastStatus = 0;
-    for (std::size_t added = 0; added < window.size(); ++added) {
-        const std::size_t i = window[added];
-        warnOutsideRange(options.frames[i], frames[i], values);
-        const int status = resolver->addFrame(frames[i]);
+    for (std::size_t i : window) {
+        const int status = addNamedFrame(*resolver, options.frames[i], frames[i]);
         if (status != 0 && status != SR_MASK_HALF_EMPTY) {
             std::cerr << "warning: " << options.frames[i] << ": " << SuperResolver::describe(status)
                       << std::endl;

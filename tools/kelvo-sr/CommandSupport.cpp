@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "tools/kelvo-sr/DefectSearch.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "vision/superresolution/PsfSigmaEstimator.h"
 
 namespace kelvo::tools {
@@ -58,7 +59,17 @@ FrameValues chooseValues(const std::string& option, const cv::Mat_<float>& first
 
 void warnOutsideRange(const std::string& frameName, const cv::Mat_<float>& frame,
                       const FrameValues& values) {
-    const int outside = countOutsideRange(frame, values);
+    int notNumbers = 0;
+    for (const float value : frame) {
+        notNumbers += !std::isfinite(value);
+    }
+    if (notNumbers > 0) {
+        std::cerr << "warning: " << frameName << ": " << notNumbers
+                  << (notNumbers == 1 ? " pixel is" : " pixels are")
+                  << " NaN (not a number) or infinite and will be repaired from the pixels around "
+                  << (notNumbers == 1 ? "it" : "them") << std::endl;
+    }
+    const int outside = countOutsideRange(frame, values) - notNumbers;
     if (outside > 0) {
         std::cerr << "warning: " << frameName << ": " << outside
                   << (outside == 1 ? " pixel lies" : " pixels lie") << " outside the valid "
@@ -87,6 +98,16 @@ std::vector<cv::Point> chooseDefectivePixels(const std::string& option,
     std::cout << "bad pixels: " << found.size() << " found in all " << frames.size()
               << " frames (--bad-pixels auto)" << std::endl;
     return found;
+}
+
+int addNamedFrame(FrameEngine& resolver, const std::string& frameName,
+                  const cv::Mat_<float>& frame) {
+    warnOutsideRange(frameName, frame, resolver.values());
+    try {
+        return resolver.addFrame(frame);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(frameName + ": " + error.what());
+    }
 }
 
 void warnIfClipped(const std::string& path, const cv::Mat_<float>& image, double scale,

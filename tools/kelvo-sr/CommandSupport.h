@@ -11,6 +11,8 @@
 
 namespace kelvo::tools {
 
+class FrameEngine;
+
 // The raw format the options describe, or null when neither --size nor --type was
 // given; throws std::runtime_error when only one of them is, or the size is malformed.
 std::unique_ptr<RawFormat> rawFormatFromOptions(const std::string& size, const std::string& type);
@@ -21,10 +23,15 @@ std::unique_ptr<RawFormat> rawFormatFromOptions(const std::string& size, const s
 FrameValues chooseValues(const std::string& option, const cv::Mat_<float>& firstFrame,
                          int storedDepth);
 
-// Warns on standard error when some pixels of the frame lie outside the valid range: the
-// engine repairs them from their neighbours.
+// Warns on standard error when some pixels of the frame are not numbers or lie outside the
+// valid range: the engine repairs them from their neighbours.
 void warnOutsideRange(const std::string& frameName, const cv::Mat_<float>& frame,
                       const FrameValues& values);
+
+// Warns like warnOutsideRange and adds the frame; returns the status code. A failure throws
+// std::runtime_error naming the frame.
+int addNamedFrame(FrameEngine& resolver, const std::string& frameName,
+                  const cv::Mat_<float>& frame);
 
 // The known defective pixels the --bad-pixels option names for these frames: none, those of a
 // table written by `kelvo-sr badpixels`, or those the search finds in every frame (auto).

@@ -177,6 +177,10 @@ public:
 
     const FrameValues& values() const override { return frameValues; }
 
+    void setKnownBadPixels(const std::vector<cv::Point>& positions) {
+        engine.setKnownBadPixels(positions);
+    }
+
     std::vector<cv::Point2f> estimatedShifts() const override {
         std::vector<vision::PointF> shifts;
         engine.getCompleteShifts(shifts);
@@ -277,7 +281,10 @@ std::unique_ptr<FrameEngine> makeFrameEngine(const EngineOptions& options,
         for (const cv::Mat_<float>& frame : burst) {
             requireFrameSize(frame, burst.front().size());
         }
-        return std::make_unique<ReferenceFrameEngine>(options, burst.front(), storedDepth);
+        auto engine = std::make_unique<ReferenceFrameEngine>(options, burst.front(), storedDepth);
+        engine->setKnownBadPixels(
+            chooseDefectivePixels(options.badPixels, burst, engine->values()));
+        return engine;
     }
     if (!options.calibration.empty()) {
         throw std::runtime_error("--calibration needs --engine reference.");

@@ -1,5 +1,6 @@
 #include "tools/kelvo-sr/FrameReader.h"
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <opencv2/imgcodecs.hpp>
@@ -42,6 +43,23 @@ cv::Mat readRawFrame(const std::string& path, const RawFormat& format) {
         throw std::runtime_error("Cannot read '" + path + "'.");
     }
     return raw;
+}
+
+// A frame without a single number leaves the engine nothing to repair the others from: refused
+// here, where the file and the cause can be named.
+void requireNumbers(const std::string& path, const cv::Mat_<float>& frame) {
+    std::size_t nan = 0, infinite = 0;
+    for (const float value : frame) {
+        nan += std::isnan(value);
+        infinite += std::isinf(value);
+    }
+    if (frame.empty() || nan + infinite < frame.total()) {
+        return;
+    }
+    const std::string cause = infinite == 0 ? "every pixel is NaN (not a number)"
+                              : nan == 0    ? "every pixel is infinite"
+                                            : "every pixel is NaN (not a number) or infinite";
+    throw std::runtime_error("'" + path + "' holds no usable value: " + cause + ".");
 }
 
 }  // namespace
@@ -110,6 +128,7 @@ cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat, i
     }
     cv::Mat_<float> frame;
     image.convertTo(frame, CV_32F);
+    requireNumbers(path, frame);
     return frame;
 }
 

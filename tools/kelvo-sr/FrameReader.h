@@ -25,7 +25,7 @@ bool parseRawType(const std::string& text, RawType& type);
 // headerless raw files (.raw, .bin) when a raw format is given. When storedDepth is given, it
 // receives the OpenCV depth of the stored pixels (CV_16U for a 16-bit PNG), which tells
 // integer counts from float values. Throws std::runtime_error with a sentence naming the file
-// when it cannot.
+// when it cannot, or when no pixel holds a number.
 cv::Mat_<float> readFrame(const std::string& path, const RawFormat* rawFormat,
                           int* storedDepth = nullptr);
 

@@ -17,12 +17,13 @@ void addEngineOptions(CLI::App& command, EngineOptions& options) {
         ->check(CLI::Range(0, 4))
         ->capture_default_str();
     command
-        .add_option("--values", options.values,
-                    "what the pixels are: temperature (valid -274..5000), counts (raw sensor "
-                    "counts, valid over the range of the file's integer type, or "
-                    "-32768..65535 for float files), or auto (counts for integer files; for "
-                    "float files, counts when the bulk of the pixels, the 1st to 99th "
-                    "percentile, lies outside the temperature range)")
+        .add_option(
+            "--values", options.values,
+            "what the pixels are: temperature (valid -274..5000), counts (raw sensor "
+            "counts, valid over the range of the file's integer type, or "
+            "-32768..65535 for float files), or auto (counts for integer files; for "
+            "float files, counts when the bulk of the pixels, the 1st to 99th "
+            "percentile, lies outside the temperature range or above 1000 in whole numbers)")
         ->check(CLI::IsMember({"auto", "temperature", "counts"}))
         ->capture_default_str();
     command.add_option(

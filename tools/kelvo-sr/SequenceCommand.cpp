@@ -7,6 +7,7 @@
 #include <iostream>
 #include <map>
 #include <numeric>
+#include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
@@ -49,7 +50,7 @@ public:
             }
             return;
         }
-        if (!fs::is_regular_file(input) || !video.open(input)) {
+        if (!fs::is_regular_file(input) || !openQuietly(input)) {
             throw std::runtime_error("Cannot read '" + input +
                                      "': neither a folder of frames nor a video file.");
         }
@@ -94,6 +95,16 @@ public:
     }
 
 private:
+    // Each video back end that fails to open the file logs its own exception; the one message
+    // below says what matters.
+    bool openQuietly(const std::string& input) {
+        const auto level = cv::utils::logging::getLogLevel();
+        cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+        const bool opened = video.open(input);
+        cv::utils::logging::setLogLevel(level);
+        return opened;
+    }
+
     const RawFormat* rawFormat;
     std::vector<std::string> files;
     cv::VideoCapture video;
@@ -122,7 +133,7 @@ int runSequence(const SequenceOptions& options) {
 
     std::unique_ptr<FrameEngine> resolver;
     std::map<int, int> failures;
-    int frames = 0, passes = 0;
+    int frames = 0, passes = 0, unmatched = 0;
     double passSeconds = 0.0;
     // The opening burst is read ahead: its frames configure the values and the bad pixels.
     std::vector<cv::Mat_<float>> opening;
@@ -148,11 +159,17 @@ int runSequence(const SequenceOptions& options) {
         if (!resolver) {
             resolver = makeFrameEngine(engine, opening, storedDepth);
         }
-        warnOutsideRange(sequence.name(frames), frame, resolver->values());
         const auto start = std::chrono::steady_clock::now();
-        const int status = resolver->addFrame(frame);
+        const int status = addNamedFrame(*resolver, sequence.name(frames), frame);
         ++frames;
-        if (frames >= 5) {
+        // A pass that matched no frame to its reference leaves the previous result in place:
+        // that is no result for this frame.
+        if (frames >= 5 && resolver->lastPass().status == kRegistrationFailed) {
+            ++unmatched;
+            std::cerr << "warning: " << sequence.name(frames - 1)
+                      << ": no frame could be matched to the reference frame; no result written"
+                      << std::endl;
+        } else if (frames >= 5) {
             passSeconds +=
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
             ++passes;
@@ -183,13 +200,20 @@ int runSequence(const SequenceOptions& options) {
     for (const auto& [status, count] : failures) {
         std::cout << "  " << count << " x " << SuperResolver::describe(status) << std::endl;
     }
+    if (unmatched > 0) {
+        std::cout << "  " << unmatched
+                  << " x no frame matched the reference frame (too little structure): no result"
+                  << std::endl;
+    }
     if (passes > 0) {
         std::cout << "mean time per pass: " << 1000.0 * passSeconds / passes << " ms" << std::endl;
     } else {
-        std::cerr << "kelvo-sr: fewer than five frames: no result." << std::endl;
+        std::cerr << (frames < 5 ? "kelvo-sr: fewer than five frames: no result."
+                                 : "kelvo-sr: no pass matched its frames: no result.")
+                  << std::endl;
         return 1;
     }
-    return failures.empty() ? 0 : 2;
+    return failures.empty() && unmatched == 0 ? 0 : 2;
 }
 
 }  // namespace kelvo::tools

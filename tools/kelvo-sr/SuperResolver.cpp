@@ -18,6 +18,8 @@ constexpr float kLowestCount = -32768.0f;
 constexpr float kHighestCount = 65535.0f;
 // The share of pixels at either end that cannot sway the automatic choice.
 constexpr double kOutlierShare = 0.01;
+// Float frames of whole numbers whose bulk lies above this are counts.
+constexpr float kLowestWholeCount = 1000.0f;
 
 std::string lastLibraryMessage() {
     char text[512] = {};
@@ -72,6 +74,18 @@ void percentiles(const cv::Mat_<float>& frame, double lowShare, double highShare
     high = at(highShare);
 }
 
+bool allWholeNumbers(const cv::Mat_<float>& frame) {
+    for (int r = 0; r < frame.rows; ++r) {
+        const float* row = frame[r];
+        for (int c = 0; c < frame.cols; ++c) {
+            if (std::isfinite(row[c]) && row[c] != std::floor(row[c])) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
 std::string rangeText(float low, float high) {
     std::ostringstream text;
     text << low << ".." << high;
@@ -109,14 +123,19 @@ FrameValues chooseFrameValues(const std::string& option, const cv::Mat_<float>& 
     }
     float bulkLow = 0.0f, bulkHigh = 0.0f;
     percentiles(frame, kOutlierShare, 1.0 - kOutlierShare, bulkLow, bulkHigh);
-    if (bulkLow >= kLowestTemperature && bulkHigh <= kHighestTemperature) {
+    const bool outsideTemperatures = bulkLow < kLowestTemperature || bulkHigh > kHighestTemperature;
+    // Whole numbers far above room temperature are counts stored as floats, not a scene
+    // hotter than a furnace.
+    const bool wholeCounts = bulkLow > kLowestWholeCount && allWholeNumbers(frame);
+    if (!outsideTemperatures && !wholeCounts) {
         return FrameValues(ValueKind::kTemperature);
     }
     const FrameValues values = counts();
     if (decision != nullptr) {
         *decision = "values: counts (1st to 99th percentile " + rangeText(bulkLow, bulkHigh) +
-                    " lies outside the temperatures -274..5000), valid " +
-                    rangeText(values.low, values.high);
+                    (outsideTemperatures ? " lies outside the temperatures -274..5000"
+                                         : ", whole numbers only") +
+                    "), valid " + rangeText(values.low, values.high);
     }
     return values;
 }

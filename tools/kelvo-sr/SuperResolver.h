@@ -26,7 +26,8 @@ struct FrameValues {
 // "temperature" and "counts" are taken as asked, counts over the range of an integer file's
 // type. "auto" takes integer files (8- and 16-bit images, u16 and i16 raw) for counts, and
 // float ones for temperatures unless the bulk of their pixels, the 1st to the 99th
-// percentile, lies outside -274..5000: a handful of extreme pixels does not decide. When
+// percentile, lies outside -274..5000 (a handful of extreme pixels does not decide), or above
+// 1000 in whole numbers only (counts stored as floats). When
 // `decision` is given, it receives a sentence saying what auto decided and why.
 FrameValues chooseFrameValues(const std::string& option, const cv::Mat_<float>& frame,
                               int storedDepth, std::string* decision = nullptr);
@@ -36,6 +37,9 @@ int countOutsideRange(const cv::Mat_<float>& frame, const FrameValues& values);
 
 // Throws std::runtime_error unless the frame has the size of the first frame.
 void requireFrameSize(const cv::Mat& frame, cv::Size firstFrameSize);
+
+// The pass status when registration failed: the pass wrote no result.
+constexpr int kRegistrationFailed = -998;
 
 // What the engine found in its last pass.
 struct PassReport {

@@ -35,53 +35,59 @@ int checkedWindowSize(int windowSize) {
     return windowSize;
 }
 
-void checkReferenceIndex(int index, int windowSize) {
+int checkedReferenceIndex(int index, int windowSize) {
     if (index < 0 || index >= windowSize) {
         throw "Invalid reference index specified.";
     }
+    return index;
 }
 
-void checkPsfSigma(float sigma) {
+float checkedPsfSigma(float sigma) {
     if (!(sigma > 0.0f)) {
         throw "Invalid standard deviation of the sensor psf specified.";
     }
+    return sigma;
 }
 
-void checkMaxCGIters(int iterations) {
+int checkedMaxCGIters(int iterations) {
     if (iterations < 1) {
         throw "Invalid maximum number of iterations specified.";
     }
+    return iterations;
 }
 
-void checkRegError(float error) {
+float checkedRegError(float error) {
     if (!(error > 0.0f && error <= 1.0f)) {
         throw "Invalid maximum registration error specified.";
     }
+    return error;
 }
 
-void checkWeightTV(float weight) {
+float checkedWeightTV(float weight) {
     if (!(weight >= 1.0f) || std::isinf(weight)) {
         throw "Invalid total-variation term weight specified.";
     }
+    return weight;
 }
 
-void checkRelativeResidue(float residue) {
+float checkedRelativeResidue(float residue) {
     // Reported with the total-variation message, as hosts have always seen it.
     if (!(static_cast<double>(residue) >= 1e-6) || std::isinf(residue)) {
         throw "Invalid total-variation term weight specified.";
     }
+    return residue;
 }
 
-float estimateSrFactor(const char* const* masks, int count, int inputSize, int cap) {
-    long long sum = 0;
-    for (int p = 0; p < inputSize; ++p) {
-        int framesSeeing = 0;
-        for (int i = 0; i < count; ++i) {
-            framesSeeing += masks[i][p] != 0;
-        }
-        sum += std::min(framesSeeing, cap) - 1;
+float* slideWindow(std::vector<std::vector<float>>& frames, int& storedFrames, const float* frame,
+                   int frameSize) {
+    if (storedFrames >= static_cast<int>(frames.size())) {
+        std::rotate(frames.begin(), frames.begin() + 1, frames.end());
+    } else {
+        ++storedFrames;
     }
-    return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
+    float* newest = frames[storedFrames - 1].data();
+    std::memcpy(newest, frame, sizeof(float) * frameSize);
+    return newest;
 }
 
 void repairResultBadPixels(SuperResolutionBadPixelHandling& handling, float* result,

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <opencv2/core.hpp>
+#include <stdexcept>
 #include <vector>
 
 #include "vision/superresolution/SuperResolutionBadPixelHandling.h"
@@ -21,12 +23,28 @@ int checkedGeometry(int width, int height, float factor);
 // Throws "Invalid reference index specified." below 1; returns the window size.
 int checkedWindowSize(int windowSize);
 
-void checkReferenceIndex(int index, int windowSize);
-void checkPsfSigma(float sigma);
-void checkMaxCGIters(int iterations);
-void checkRegError(float error);
-void checkWeightTV(float weight);
-void checkRelativeResidue(float residue);
+// The parameter checks return the value when it is valid and otherwise throw the
+// message as a plain C string, which is what hosts of every engine catch.
+int checkedReferenceIndex(int index, int windowSize);
+float checkedPsfSigma(float sigma);
+int checkedMaxCGIters(int iterations);
+float checkedRegError(float error);
+float checkedWeightTV(float weight);
+float checkedRelativeResidue(float residue);
+// A frame pointer that is not null (std::invalid_argument otherwise).
+template <typename T>
+const T* checkedFrame(const T* frame) {
+    if (frame == nullptr) {
+        throw std::invalid_argument("Frame data pointer is NULL.");
+    }
+    return frame;
+}
+
+// Copies `frame` (frameSize floats) into the newest position of the window
+// `frames` (oldest first): once all positions hold a frame, the oldest buffer moves
+// to the newest position and is overwritten. Returns the newest buffer.
+float* slideWindow(std::vector<std::vector<float>>& frames, int& storedFrames, const float* frame,
+                   int frameSize);
 
 // The status of a registration's result: -6 when a displacement component exceeds a
 // tenth of the frame height (integer division), else -3 when a mask is at least half
@@ -56,9 +74,31 @@ int displacementAndMaskStatus(const Point* shifts, const char* const* masks, int
     return tooLarge ? -6 : (tooManyMasked ? -3 : 0);
 }
 
-// Mean number of extra frames that see each input pixel, capped at cap - 1 and mapped
-// so that one frame per pixel gives 1 and cap frames give 1 + (cap - 1) / 4.
-float estimateSrFactor(const char* const* masks, int count, int inputSize, int cap);
+// Mean number of extra frames that see each input pixel (mask not 0), capped at
+// cap - 1, and mapped so that one frame per pixel gives 1 and `cap` frames give
+// 1 + (cap - 1) / 4. Masks are bytes in the float engines and floats in the four-lane one.
+template <typename Mask>
+float estimateSrFactor(const Mask* const* masks, int count, int inputSize, int cap) {
+    // The frames seeing each pixel are counted a run of pixels at a time, mask after
+    // mask, so that the counting runs along contiguous memory.
+    constexpr int kRun = 4096;
+    int framesSeeing[kRun];
+    long long sum = 0;
+    for (int first = 0; first < inputSize; first += kRun) {
+        const int length = std::min(kRun, inputSize - first);
+        std::fill(framesSeeing, framesSeeing + length, 0);
+        for (int i = 0; i < count; ++i) {
+            const Mask* mask = masks[i] + first;
+            for (int p = 0; p < length; ++p) {
+                framesSeeing[p] += mask[p] != Mask(0);
+            }
+        }
+        for (int p = 0; p < length; ++p) {
+            sum += std::min(framesSeeing[p], cap) - 1;
+        }
+    }
+    return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
+}
 
 // The bad-pixel stage of a pass: marks the pixels of the result (outputSize) that
 // defective input pixels influenced and refills them from good pixels of the `count`

@@ -15,6 +15,9 @@ namespace kelvo::vision {
 
 namespace {
 
+// More threads than this would only hold scratch rows for bands that do not exist.
+constexpr int kMaxThreads = 64;
+
 // The largest number of frames per pixel that still raises the quality estimate.
 // Computed once per process, from the factor of the first engine that runs a pass.
 int srFactorCap(float factor) {
@@ -128,38 +131,41 @@ void SrFloat<Registration>::refreshPointers() {
 
 template <class Registration>
 void SrFloat<Registration>::setReferenceIndex(int index) {
-    checkReferenceIndex(index, windowSize);
-    referenceIndex = index;
+    referenceIndex = checkedReferenceIndex(index, windowSize);
 }
 
 template <class Registration>
 void SrFloat<Registration>::setPsfSigma(float sigma) {
-    checkPsfSigma(sigma);
-    minimization.setPsfSigma(sigma);
+    minimization.setPsfSigma(checkedPsfSigma(sigma));
 }
 
 template <class Registration>
 void SrFloat<Registration>::setMaxCGIters(int iterations) {
-    checkMaxCGIters(iterations);
-    minimization.setMaxIter(iterations);
+    minimization.setMaxIter(checkedMaxCGIters(iterations));
 }
 
 template <class Registration>
 void SrFloat<Registration>::setRegError(float error) {
-    checkRegError(error);
-    registration.setRegError(error);
+    registration.setRegError(checkedRegError(error));
 }
 
 template <class Registration>
 void SrFloat<Registration>::setWeightTV(float weight) {
-    checkWeightTV(weight);
-    minimization.setWeightTV(weight);
+    minimization.setWeightTV(checkedWeightTV(weight));
 }
 
 template <class Registration>
 void SrFloat<Registration>::setRelativeResidue(float residue) {
-    checkRelativeResidue(residue);
-    minimization.setRelRes(residue);
+    minimization.setRelRes(checkedRelativeResidue(residue));
+}
+
+template <class Registration>
+void SrFloat<Registration>::setThreads(int count) {
+    if (count < 1 || count > kMaxThreads) {
+        throw "Invalid number of threads specified.";
+    }
+    minimization.setThreads(count);
+    registration.setThreads(count);
 }
 
 template <class Registration>
@@ -172,23 +178,14 @@ void SrFloat<Registration>::setValidRange(float minimum, float maximum) {
 
 template <class Registration>
 int SrFloat<Registration>::addFrame(const float* frame) {
-    if (frame == nullptr) {
-        throw std::invalid_argument("Frame data pointer is NULL.");
-    }
-    const int loaded = loadFrame(frame);
+    const int loaded = loadFrame(checkedFrame(frame));
     return loaded < 0 ? loaded : 0;
 }
 
 template <class Registration>
 int SrFloat<Registration>::loadFrame(const float* frame) {
-    if (storedFrames >= windowSize) {
-        std::rotate(frames.begin(), frames.begin() + 1, frames.end());
-        refreshPointers();
-    } else {
-        ++storedFrames;
-    }
-    float* newest = frames[storedFrames - 1].data();
-    std::memcpy(newest, frame, sizeof(float) * inputSize);
+    float* newest = slideWindow(frames, storedFrames, frame, inputSize);
+    refreshPointers();
 
     cv::Mat_<float> view(height, width, newest);
     int badPixelResult = 0;

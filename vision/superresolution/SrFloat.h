@@ -48,6 +48,12 @@ public:
     void setMinStructureThreshold(float threshold) { minStructureThreshold = threshold; }
     float getMinStructureThreshold() const { return minStructureThreshold; }
     void setDataIsNUC(bool isNUC) { badPixelHandling.setDataIsNUC(isNUC); }
+    // Threads (OpenCV's parallel_for_) that share a pass: the frames' sub-pixel
+    // registration steps and the reconstruction's bands of rows; by
+    // default 1, every stage on the caller's thread; at most 64. The result is the same
+    // to the bit for any count.
+    void setThreads(int count);
+    int getThreads() const { return minimization.getThreads(); }
     // Pixels outside [minimum, maximum] count as defective; both finite, minimum below maximum.
     void setValidRange(float minimum, float maximum);
 

@@ -83,54 +83,68 @@ KELVO_VECTOR_CLONES void splitPhases(const float* row, int rowLength, int step, 
     }
 }
 
-// The horizontal pass of the adjoint for one full row:
-//   row[p + F m] (+)= 0 + sum over d of psfX[p + F d] * sparse[m - d],
-// d ascending over the taps p + F d < kx whose column m - d lies in [0, w). Step and
-// PhaseTaps are F and the taps per phase kx / F when known at compile time (0: taken
-// from `step` and `kernelWidth`). Columns near either end, where some taps fall
-// outside the sparse row, are summed one by one.
-template <int Step, int PhaseTaps, bool Accumulate>
-KELVO_VECTOR_CLONES void convolveRow(const float* sparse, int w, const float* psfX, int kernelWidth,
-                                     int step, int rowLength, float* row) {
+// The horizontal pass of the adjoint for one full row and `count` frames, frame f
+// with the sparse row sparse + f * w and the taps psfX[f]:
+//   row[p + F m] (+)= c_0, += c_1, ...  with  c_f = 0 + sum over d of
+//   psfX[f][p + F d] * sparse_f[m - d],
+// d ascending over the taps p + F d < kx whose column m - d lies in [0, w); with Put
+// the first frame's sum replaces the row's value. Each element of the row is loaded
+// and stored once for all frames. Step, PhaseTaps and Frames are F, the taps per
+// phase kx / F and the frame count when known at compile time (0: taken from `step`,
+// `kernelWidth` and `count`). Columns near either end, where some taps fall outside
+// the sparse row, are summed one by one.
+template <int Step, int PhaseTaps, int Frames, bool Put>
+KELVO_VECTOR_CLONES void convolveRows(const float* sparse, int w, const float* const* psfX,
+                                      int count, int kernelWidth, int step, int rowLength,
+                                      float* row) {
     const int s = Step > 0 ? Step : step;
     const int kx = Step > 0 ? Step * PhaseTaps : kernelWidth;
+    const int frames = Frames > 0 ? Frames : count;
     const int phaseTaps = (kx + s - 1) / s;
-    auto put = [](float& target, float value) {
-        if (Accumulate) {
-            target += value;
-        } else {
-            target = value;
-        }
+    auto add = [](float value, float sum, int frame) {
+        return Put && frame == 0 ? sum : value + sum;
     };
     auto edge = [&](int x) {
         const int phase = x % s;
         const int m = x / s;
-        float sum = 0.0f;
-        for (int d = 0; phase + s * d < kx; ++d) {
-            if (m - d >= 0 && m - d < w) {
-                sum += psfX[phase + s * d] * sparse[m - d];
+        float value = Put ? 0.0f : row[x];
+        for (int f = 0; f < frames; ++f) {
+            float sum = 0.0f;
+            for (int d = 0; phase + s * d < kx; ++d) {
+                if (m - d >= 0 && m - d < w) {
+                    sum += psfX[f][phase + s * d] * sparse[f * w + m - d];
+                }
             }
+            value = add(value, sum, f);
         }
-        put(row[x], sum);
+        row[x] = value;
     };
     const int begin = std::min(phaseTaps - 1, rowLength / s);
     const int end = std::max(std::min(w, rowLength / s), begin);
     for (int x = 0; x < s * begin; ++x) {
         edge(x);
     }
-    float k[Step > 0 ? Step * PhaseTaps : 1];
-    for (int j = 0; Step > 0 && j < kx; ++j) {
-        k[j] = psfX[j];
+    constexpr bool kFixed = Step > 0 && Frames > 0;
+    float k[kFixed ? Frames : 1][kFixed ? Step * PhaseTaps : 1];
+    for (int f = 0; kFixed && f < frames; ++f) {
+        for (int j = 0; j < kx; ++j) {
+            k[f][j] = psfX[f][j];
+        }
     }
     for (int m = begin; m < end; ++m) {
         for (int phase = 0; phase < s; ++phase) {
-            float sum = 0.0f;
-            for (int d = 0; d < phaseTaps; ++d) {
-                if (phase + s * d < kx) {
-                    sum += (Step > 0 ? k[phase + s * d] : psfX[phase + s * d]) * sparse[m - d];
+            float value = Put ? 0.0f : row[phase + s * m];
+            for (int f = 0; f < frames; ++f) {
+                float sum = 0.0f;
+                for (int d = 0; d < phaseTaps; ++d) {
+                    if (phase + s * d < kx) {
+                        sum += (kFixed ? k[f][phase + s * d] : psfX[f][phase + s * d]) *
+                               sparse[f * w + m - d];
+                    }
                 }
+                value = add(value, sum, f);
             }
-            put(row[phase + s * m], sum);
+            row[phase + s * m] = value;
         }
     }
     for (int x = s * end; x < rowLength; ++x) {
@@ -138,13 +152,39 @@ KELVO_VECTOR_CLONES void convolveRow(const float* sparse, int w, const float* ps
     }
 }
 
+// The engine's PSFs of six taps at factor 2 run in fives of frames with everything
+// fixed at compile time, other counts and geometries one frame at a time.
 template <bool Accumulate>
-void convolveRow(const float* sparse, int w, const float* psfX, int kernelWidth, int step,
-                 int rowLength, float* row) {
-    if (step == 2 && kernelWidth == 6) {
-        convolveRow<2, 3, Accumulate>(sparse, w, psfX, kernelWidth, step, rowLength, row);
-    } else {
-        convolveRow<0, 0, Accumulate>(sparse, w, psfX, kernelWidth, step, rowLength, row);
+void convolveRows(const float* sparse, int w, const float* const* psfX, int count, int kernelWidth,
+                  int step, int rowLength, float* row) {
+    constexpr int kFramesAtOnce = 5;
+    int f = 0;
+    const bool fixed = step == 2 && kernelWidth == 6;
+    auto one = [&](auto put) {
+        constexpr bool kPut = decltype(put)::value;
+        if (fixed) {
+            convolveRows<2, 3, 1, kPut>(sparse + f * w, w, psfX + f, 1, kernelWidth, step,
+                                        rowLength, row);
+        } else {
+            convolveRows<0, 0, 1, kPut>(sparse + f * w, w, psfX + f, 1, kernelWidth, step,
+                                        rowLength, row);
+        }
+    };
+    for (; fixed && f + kFramesAtOnce <= count; f += kFramesAtOnce) {
+        if (!Accumulate && f == 0) {
+            convolveRows<2, 3, kFramesAtOnce, true>(sparse, w, psfX, count, kernelWidth, step,
+                                                    rowLength, row);
+        } else {
+            convolveRows<2, 3, kFramesAtOnce, false>(sparse + f * w, w, psfX + f, count,
+                                                     kernelWidth, step, rowLength, row);
+        }
+    }
+    for (; f < count; ++f) {
+        if (!Accumulate && f == 0) {
+            one(std::true_type());
+        } else {
+            one(std::false_type());
+        }
     }
 }
 
@@ -193,7 +233,7 @@ void SrFloatConvolution::accumulateFullConvFromSparse(int count, const float* co
 // Row by row through the full image, and within a row frame by frame: the vertical
 // taps landing on row t first (column c of row t collects the frame rows
 // r = (t - i) / 2 for the taps i of the parity of t, in ascending i), then the
-// horizontal taps (convolveRow). Every element thus sees the tap
+// horizontal taps of all frames (convolveRows). Every element thus sees the tap
 // order of the two passes taken whole and the frames in their order, while the rows
 // being worked on stay in the first level cache. The masked frame rows m .* y, each
 // needed by kernelHeight full rows, are formed once into a ring per frame.
@@ -204,10 +244,11 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
                                             int endRow) {
     const int ringRows = (kernelHeight + 1) / kVerticalStep;
     const int ringSize = ringRows * lrWidth;
-    const int ringsOffset = lrWidth;
+    // Per frame of a group: its ring, and its row of the vertical pass.
+    const int slotSize = ringSize + lrWidth;
+    const int capacity = slotSize > 0 ? std::max(scratchSize / slotSize, 1) : count;
     float* vertical = scratchData;
-    float* rings = scratchData + ringsOffset;
-    const int capacity = ringSize > 0 ? std::max((scratchSize - ringsOffset) / ringSize, 1) : count;
+    float* rings = scratchData + std::min(capacity, count) * lrWidth;
     for (int first = 0; first < count; first += capacity) {
         const int group = std::min(capacity, count - first);
         // The ring ends with the frame row t / 2 at full row t.
@@ -221,7 +262,6 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
                             rings + k * ringSize + (rowsMasked % ringRows) * lrWidth);
                 }
             }
-            float* row = out + t * fullWidth;
             for (int k = 0; k < group; ++k) {
                 int taps = 0;
                 for (int i = t % kVerticalStep; i < kernelHeight && i <= t; i += kVerticalStep) {
@@ -232,9 +272,15 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
                         ++taps;
                     }
                 }
-                sumScaledRows(runRows.data(), runTaps.data(), taps, lrWidth, vertical);
-                convolveRow<Accumulate>(vertical, lrWidth, psfX[first + k], kernelWidth, step,
-                                        fullWidth, row);
+                sumScaledRows(runRows.data(), runTaps.data(), taps, lrWidth,
+                              vertical + k * lrWidth);
+            }
+            if (Accumulate || first > 0) {
+                convolveRows<true>(vertical, lrWidth, psfX + first, group, kernelWidth, step,
+                                   fullWidth, out + t * fullWidth);
+            } else {
+                convolveRows<false>(vertical, lrWidth, psfX + first, group, kernelWidth, step,
+                                    fullWidth, out + t * fullWidth);
             }
         }
     }

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "vision/superresolution/LaneSum.h"
+#include "vision/superresolution/ParallelRuns.h"
 #include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
@@ -17,16 +18,16 @@ constexpr float kErfA = 0.1400123f;
 // in the second level cache from the stencil to the last frame's contribution.
 constexpr int kBandRows = 32;
 
-// Runs update(begin, end) over [begin, end) in pieces that stay in the first level
-// cache, each followed by sum.add over the same piece: element-wise loops and lane
-// sums vectorise best apart.
-template <typename Update, typename Term>
-KELVO_VECTOR_CLONES void updateThenSum(int begin, int end, Update update, LaneSum& sum, Term term) {
+// Runs update(first, last) over [begin, end) in pieces that stay in the first level
+// cache, each followed by sum(first, last) over the same piece: element-wise loops
+// and lane sums vectorise best apart.
+template <typename Update, typename Sum>
+void updateThenSum(int begin, int end, Update update, Sum sum) {
     constexpr int kPiece = 2048;
     for (int first = begin; first < end; first += kPiece) {
         const int last = std::min(first + kPiece, end);
         update(first, last);
-        sum.add(first, last, term);
+        sum(first, last);
     }
 }
 
@@ -188,9 +189,11 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
         lowResTable[k] = lowResScratch[k].data();
     }
     generatePsfs(numFrames, shifts);
-    std::fill(rhs.begin(), rhs.end(), 0.0f);
-    convolution.accumulateFullConvFromSparse(numFrames, frames, psfXTable.data(), psfYTable.data(),
-                                             masks, rhs.data(), 0, fullHeight);
+    forEachBand([&](int stripe, int first, int end) {
+        std::fill(rhs.begin() + first * fullWidth, rhs.begin() + end * fullWidth, 0.0f);
+        convolutionOf(stripe).accumulateFullConvFromSparse(
+            numFrames, frames, psfXTable.data(), psfYTable.data(), masks, rhs.data(), first, end);
+    });
     const float* b = rhs.data();
     invRhsNorm2 = static_cast<float>(
         1.0 / sumInLanes(fullSize, [&](int i) { return static_cast<double>(b[i] * b[i]); }));
@@ -238,14 +241,12 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
         estimate.data(), numFrames, masks, r,
         [&](int begin, int end) { computeL(begin / fullWidth, end / fullWidth); },
         [&](int begin, int end) {
-            updateThenSum(
-                begin, end,
-                [&](int first, int last) {
-                    for (int i = first; i < last; ++i) {
-                        r[i] = b[i] - r[i];
-                    }
-                },
-                norm, [&](int i) { return static_cast<double>(r[i] * r[i]); });
+            for (int i = begin; i < end; ++i) {
+                r[i] = b[i] - r[i];
+            }
+        },
+        [&](int begin, int end) {
+            norm.add(begin, end, [&](int i) { return static_cast<double>(r[i] * r[i]); });
         });
     residualNorm2 = static_cast<float>(norm.total());
     if (relRes * relRes > residualNorm2 * invRhsNorm2) {
@@ -279,20 +280,22 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
                 scaleAndAdd(beta, r, begin, end, p);
             }
         },
+        [](int, int) {},
         [&](int begin, int end) {
             pAp.add(begin, end, [&](int i) { return static_cast<double>(p[i] * ap[i]); });
         });
     const float alpha = static_cast<float>(residualNorm2 / pAp.total());
     LaneSum norm;
-    updateThenSum(
-        0, fullSize,
+    updateThenSumAll(
         [&](int first, int last) {
             for (int i = first; i < last; ++i) {
                 x[i] += alpha * p[i];
                 r[i] -= alpha * ap[i];
             }
         },
-        norm, [&](int i) { return static_cast<double>(r[i] * r[i]); });
+        [&](int first, int last) {
+            norm.add(first, last, [&](int i) { return static_cast<double>(r[i] * r[i]); });
+        });
     const double newNorm2 = norm.total();
     if (static_cast<double>(relRes * relRes) > static_cast<double>(invRhsNorm2) * newNorm2) {
         return true;
@@ -313,12 +316,38 @@ void SrFloatMinimization::computeL(int firstRow, int endRow) {
 
 // out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
 // `in` are handed to prepareRows(begin, end) (index ranges) before anything reads
-// them or the weights of their pixels, and the rows of a band to finishRows(begin, end)
-// once they are final.
-template <typename PrepareRows, typename FinishRows>
+// them or the weights of their pixels, the rows of a band to finishRows(begin, end)
+// once they are final, and then to sumRows(begin, end) in ascending order.
+//
+// One thread runs the bands one after the other, each band from the weights to the
+// sums while its rows are in the cache. Several threads run each stage over all
+// bands before the next begins, as the stages read rows of the neighbouring bands,
+// and the sums run over the whole image afterwards in the one order.
+template <typename PrepareRows, typename FinishRows, typename SumRows>
 KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames, char** masks,
                                                        float* out, PrepareRows prepareRows,
-                                                       FinishRows finishRows) {
+                                                       FinishRows finishRows, SumRows sumRows) {
+    if (threads > 1) {
+        forEachBand(
+            [&](int, int first, int end) { prepareRows(first * fullWidth, end * fullWidth); });
+        forEachBand([&](int stripe, int first, int end) {
+            // The frame rows r sampled at full rows 2 r in the band.
+            const int lowResBegin = std::min((first + 1) / 2, lrHeight);
+            const int lowResEnd = std::min((end + 1) / 2, lrHeight);
+            convolutionOf(stripe).validCorrToSparse(numFrames, in, psfXTable.data(),
+                                                    psfYTable.data(), lowResTable.data(),
+                                                    lowResBegin, lowResEnd);
+        });
+        forEachBand([&](int stripe, int first, int end) {
+            applyStencil(in, first * fullWidth, end * fullWidth, out);
+            convolutionOf(stripe).accumulateFullConvFromSparse(numFrames, lowResTable.data(),
+                                                               psfXTable.data(), psfYTable.data(),
+                                                               masks, out, first, end);
+            finishRows(first * fullWidth, end * fullWidth);
+        });
+        sumRows(0, fullSize);
+        return;
+    }
     int prepared = 0;
     int lowResDone = 0;
     for (int first = 0; first < fullHeight; first += kBandRows) {
@@ -338,8 +367,43 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames,
         applyStencil(in, first * fullWidth, end * fullWidth, out);
         convolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
                                                  psfYTable.data(), masks, out, first, end);
-        finishRows(first * fullWidth, end * fullWidth);
+        updateThenSum(first * fullWidth, end * fullWidth, finishRows, sumRows);
     }
+}
+
+// work(stripe, firstRow, endRow) for every band of kBandRows full rows. The bands are
+// dealt out in `threads` runs of consecutive bands; the run `stripe` works with
+// convolutionOf(stripe). One thread works on the caller's thread.
+template <typename Work>
+void SrFloatMinimization::forEachBand(Work work) {
+    const int bands = (fullHeight + kBandRows - 1) / kBandRows;
+    forEachInRuns(bands, threads, [&](int band, int stripe) {
+        const int first = band * kBandRows;
+        work(stripe, first, std::min(first + kBandRows, fullHeight));
+    });
+}
+
+// update(first, last) over the whole image, then sum(first, last) over it in
+// ascending order: piece by piece on one thread, so that each piece is summed while
+// it is in the cache.
+template <typename Update, typename Sum>
+void SrFloatMinimization::updateThenSumAll(Update update, Sum sum) {
+    if (threads > 1) {
+        forEachBand([&](int, int first, int end) { update(first * fullWidth, end * fullWidth); });
+        sum(0, fullSize);
+    } else {
+        updateThenSum(0, fullSize, update, sum);
+    }
+}
+
+SrFloatConvolution& SrFloatMinimization::convolutionOf(int stripe) {
+    return stripe == 0 ? convolution : stripeConvolutions[stripe - 1];
+}
+
+void SrFloatMinimization::setThreads(int count) {
+    threads = std::max(count, 1);
+    const int bands = (fullHeight + kBandRows - 1) / kBandRows;
+    stripeConvolutions.assign(std::min(threads, bands) - 1, convolution);
 }
 
 // out[i] = (L in)[i] for i in [begin, end). Pixels of the first and the last row

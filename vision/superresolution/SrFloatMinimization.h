@@ -48,6 +48,11 @@ public:
     void setRelRes(float value) { relRes = value; }
     int getMaxIter() const { return maxIter; }
     void setMaxIter(int value) { maxIter = value; }
+    // Threads that share each operator application (1: all work on the caller's
+    // thread). The result is the same for any count: the image is cut into the same
+    // bands whatever the count, and every sum runs over the image in the same order.
+    int getThreads() const { return threads; }
+    void setThreads(int count);
 
     int getPsfSize() const { return psfSize; }
     const float* getBasePsf() const { return basePsf.data(); }
@@ -57,9 +62,14 @@ private:
     int conjugateGradients(int numFrames, char** masks, int maxIter);
     // The TV weights of the pixels in rows [firstRow, endRow).
     void computeL(int firstRow, int endRow);
-    template <typename PrepareRows, typename FinishRows>
+    template <typename PrepareRows, typename FinishRows, typename SumRows>
     void gradient(float* in, int numFrames, char** masks, float* out, PrepareRows prepareRows,
-                  FinishRows finishRows);
+                  FinishRows finishRows, SumRows sumRows);
+    template <typename Work>
+    void forEachBand(Work work);
+    template <typename Update, typename Sum>
+    void updateThenSumAll(Update update, Sum sum);
+    SrFloatConvolution& convolutionOf(int stripe);
     bool iteration(int index, int numFrames, char** masks);
     void applyStencil(const float* in, int begin, int end, float* out);
     TvWeights tvWeights();
@@ -84,6 +94,10 @@ private:
     std::vector<const float*> psfXTable;
     std::vector<const float*> psfYTable;
     SrFloatConvolution convolution;
+    int threads = 1;
+    // The operators of the stripes beyond the first when several threads work: each
+    // needs scratch rows of its own.
+    std::vector<SrFloatConvolution> stripeConvolutions;
     // H_k x of every frame within one operator application.
     std::vector<std::vector<float>> lowResScratch;
     std::vector<float*> lowResTable;

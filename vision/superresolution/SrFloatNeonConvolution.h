@@ -36,13 +36,14 @@ public:
     int getFullHeight() const { return fullHeight; }
 
 private:
-    int hrWidth;
-    int hrHeight;
+    // The geometry as given, kept with the record though the loops use the derived sizes.
+    [[maybe_unused]] int hrWidth;
+    [[maybe_unused]] int hrHeight;
     int kernelWidth;
     int kernelHeight;
     int fullWidth;
     int fullHeight;
-    float factor;
+    [[maybe_unused]] float factor;
     int lrWidth;
     int lrHeight;
     // The vertical sample step: scratch rows from one frame row to the next.

@@ -54,7 +54,7 @@ private:
     int fullWidth;
     int fullHeight;
     int fullSize;
-    int maxFrames;
+    [[maybe_unused]] int maxFrames;  // the PSF tables are sized by it
     float factor;
     float psfSigma = 0.0f;
     float weightTV = 0.0f;

@@ -142,9 +142,10 @@ int SrFloatRegistration2::doRegistration(int registeredFrames, int referenceInde
     return 0;
 }
 
+template <typename Mask>
 int SrFloatRegistration2::registerFrames(int registeredFrames, int referenceIndex,
                                          const float* const*, cv::Point_<float>* shifts,
-                                         char** masks) {
+                                         Mask** masks) {
     // Frames that were never prepared have nothing to track.
     if (referenceIndex < 0 || referenceIndex >= registeredFrames ||
         registeredFrames > storedFrames) {
@@ -156,17 +157,27 @@ int SrFloatRegistration2::registerFrames(int registeredFrames, int referenceInde
         lastShifts.resize(registeredFrames);
     }
     frameShifts.assign(registeredFrames, cv::Point_<float>(0.0f, 0.0f));
+    frameStarts.resize(registeredFrames);
+    // The whole-pixel starts of the frames up to the first one whose corners are all
+    // lost; then the sub-pixel steps of those frames, which are independent of each
+    // other and may share the threads.
+    trackedFrames.clear();
+    int result = 0;
+    for (int k = 0; k < registeredFrames && result == 0; ++k) {
+        if (k != referenceIndex) {
+            result = registerWithCorners(referenceIndex, k, frameStarts[k]);
+            if (result == 0) {
+                trackedFrames.push_back(k);
+            }
+        }
+    }
     const float* reference = preparedFrames[referenceIndex].ptr<float>();
-    for (int k = 0; k < registeredFrames; ++k) {
-        if (k == referenceIndex) {
-            continue;
-        }
-        cv::Point_<int> start;
-        const int result = registerWithCorners(referenceIndex, k, start);
-        if (result != 0) {
-            return result;
-        }
-        frameShifts[k] = opticalFlow(reference, preparedFrames[k].ptr<float>(), start, masks[k]);
+    forEachFrame(trackedFrames, [&](int k, int worker) {
+        frameShifts[k] = opticalFlow(reference, preparedFrames[k].ptr<float>(), frameStarts[k],
+                                     masks[k], worker);
+    });
+    if (result != 0) {
+        return result;
     }
     std::copy(frameShifts.begin(), frameShifts.end(), shifts);
     std::copy(frameShifts.begin(), frameShifts.end(), lastShifts.begin());
@@ -230,9 +241,10 @@ cv::Point_<int> SrFloatRegistration2::consensusDisplacement(
     return cv::Point_<int>(roundHalfUp(sum.x * reciprocal), roundHalfUp(sum.y * reciprocal));
 }
 
-void SrFloatRegistration2::initialize(char** masks, int referenceIndex) {
+template <typename Mask>
+void SrFloatRegistration2::initialize(Mask** masks, int referenceIndex) {
     for (size_t slot = 0; slot < preparedFrames.size(); ++slot) {
-        std::memset(masks[slot], static_cast<int>(slot) == referenceIndex ? 1 : 0, pixelCount);
+        std::fill_n(masks[slot], pixelCount, Mask(static_cast<int>(slot) == referenceIndex));
     }
     computeReferenceGradients(preparedFrames[referenceIndex].ptr<float>());
 }
@@ -241,5 +253,10 @@ void SrFloatRegistration2::extractCornersRefImage(cv::Mat_<float>& reference) {
     cv::goodFeaturesToTrack(reference, refCorners, kMaxCorners, kCornerQuality, kCornerMinDistance,
                             cv::noArray(), kCornerBlockSize, false, kHarrisConstant);
 }
+
+template int SrFloatRegistration2::registerFrames(int, int, const float* const*, cv::Point_<float>*,
+                                                  char**);
+template int SrFloatRegistration2::registerFrames(int, int, const float* const*, cv::Point_<float>*,
+                                                  float**);
 
 }  // namespace kelvo::vision

@@ -49,12 +49,16 @@ protected:
     // upward; (0, 0) when no displacement is that close to both.
     cv::Point_<int> consensusDisplacement(const std::vector<cv::Point_<float>>& displacements);
 
-private:
+    // The shifts and masks of doRegistration, for byte or float masks (1 valid).
+    template <typename Mask>
     int registerFrames(int frameCount, int referenceIndex, const float* const* frames,
-                       cv::Point_<float>* shifts, char** masks);
+                       cv::Point_<float>* shifts, Mask** masks);
+
+private:
     int registerWithCorners(unsigned int referenceIndex, unsigned int frameIndex,
                             cv::Point_<int>& displacement);
-    void initialize(char** masks, int referenceIndex);
+    template <typename Mask>
+    void initialize(Mask** masks, int referenceIndex);
     void extractCornersRefImage(cv::Mat_<float>& reference);
 
     int blurRadius = 5;
@@ -76,6 +80,8 @@ private:
     std::vector<float> displacementsX;
     std::vector<float> displacementsY;
     std::vector<cv::Point_<float>> frameShifts;
+    std::vector<cv::Point_<int>> frameStarts;
+    std::vector<int> trackedFrames;
 };
 
 }  // namespace kelvo::vision

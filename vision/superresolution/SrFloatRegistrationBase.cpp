@@ -60,13 +60,33 @@ SrFloatRegistrationBase::SrFloatRegistrationBase(const SrFloatRegistrationBase& 
       sumGxy(other.sumGxy),
       sumGyy(other.sumGyy),
       completeShifts(other.completeShifts),
-      lastShifts(other.lastShifts) {}
+      lastShifts(other.lastShifts) {
+    setThreads(other.threads);
+}
 
 SrFloatRegistrationBase& SrFloatRegistrationBase::operator=(const SrFloatRegistrationBase& other) {
     if (this != &other) {
         *this = SrFloatRegistrationBase(other);
     }
     return *this;
+}
+
+void SrFloatRegistrationBase::setThreads(int count) {
+    threads = std::max(count, 1);
+    // No more threads than frames can work at once.
+    workerResiduals.resize(std::min(threads, frameCount) - 1);
+    for (ResidualImages& images : workerResiduals) {
+        images.error.resize(pixelCount);
+        images.blurredError.resize(pixelCount);
+    }
+}
+
+float* SrFloatRegistrationBase::errorImageOf(int worker) {
+    return worker == 0 ? errorImage.data() : workerResiduals[worker - 1].error.data();
+}
+
+float* SrFloatRegistrationBase::blurredErrorImageOf(int worker) {
+    return worker == 0 ? blurredErrorImage.data() : workerResiduals[worker - 1].blurredError.data();
 }
 
 void SrFloatRegistrationBase::getCompleteShifts(std::vector<cv::Point_<float>>& out) const {
@@ -148,8 +168,10 @@ SrFloatRegistrationBase::Overlap SrFloatRegistrationBase::overlapOf(cv::Point_<i
     return overlap;
 }
 
+template <typename Mask>
 cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, const float* frame,
-                                                       cv::Point_<int> start, char* mask) {
+                                                       cv::Point_<int> start, Mask* mask,
+                                                       int worker) {
     const Overlap overlap = overlapOf(start);
     const cv::Rect& inReference = overlap.reference;
     const cv::Rect& inFrame = overlap.frame;
@@ -161,7 +183,7 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
         border.xy += stripSums.xy;
         border.yy += stripSums.yy;
     }
-    fillUncovered(overlap);
+    fillUncovered(overlap, worker);
     const double sxx = static_cast<double>(sumGxx) - border.xx;
     const double sxy = static_cast<double>(sumGxy) - border.xy;
     const double syy = static_cast<double>(sumGyy) - border.yy;
@@ -197,23 +219,26 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
     const float ux = static_cast<float>((sxy * by - syy * bx) / det);
     const float uy = static_cast<float>((sxy * bx - sxx * by) / det);
 
-    writeResidualImage(reference, frame, overlap, ux, uy, static_cast<float>(1.0 / (sxx + syy)));
+    writeResidualImage(reference, frame, overlap, ux, uy, static_cast<float>(1.0 / (sxx + syy)),
+                       worker);
 
-    cv::Mat_<float> error(height, width, errorImage.data());
-    cv::Mat_<float> blurredError(height, width, blurredErrorImage.data());
-    SrFloatConvolution::blurImageMeanFilter(error, regErrBlurRadius, blurredError,
-                                            meanFilterScratch);
+    cv::Mat_<float> error(height, width, errorImageOf(worker));
+    cv::Mat_<float> blurredError(height, width, blurredErrorImageOf(worker));
+    SrFloatConvolution::blurImageMeanFilter(
+        error, regErrBlurRadius, blurredError,
+        worker == 0 ? meanFilterScratch : workerResiduals[worker - 1].meanFilterScratch);
 
     const cv::Point_<float> shift(static_cast<float>(start.x) + ux,
                                   static_cast<float>(start.y) + uy);
-    markValidPixels(shift, mask);
+    markValidPixels(shift, mask, worker);
     return shift;
 }
 
-void SrFloatRegistrationBase::fillUncovered(const Overlap& overlap) {
+void SrFloatRegistrationBase::fillUncovered(const Overlap& overlap, int worker) {
+    float* errorImage = errorImageOf(worker);
     for (const cv::Rect* strip : {&overlap.rowStrip, &overlap.columnStrip}) {
         for (int y = strip->y; y < strip->y + strip->height; ++y) {
-            std::fill_n(errorImage.data() + y * width + strip->x, strip->width, regError);
+            std::fill_n(errorImage + y * width + strip->x, strip->width, regError);
         }
     }
 }
@@ -222,7 +247,8 @@ void SrFloatRegistrationBase::fillUncovered(const Overlap& overlap) {
 // gradient energy of the overlap.
 void SrFloatRegistrationBase::writeResidualImage(const float* reference, const float* frame,
                                                  const Overlap& overlap, float ux, float uy,
-                                                 float energyNorm) {
+                                                 float energyNorm, int worker) {
+    float* errorImage = errorImageOf(worker);
     const cv::Rect& inReference = overlap.reference;
     const cv::Rect& inFrame = overlap.frame;
     for (int j = 0; j < inReference.height; ++j) {
@@ -231,7 +257,7 @@ void SrFloatRegistrationBase::writeResidualImage(const float* reference, const f
         const float* f = frame + (inFrame.y + j) * width + inFrame.x;
         const float* gx = refGradX.data() + referenceRow;
         const float* gy = refGradY.data() + referenceRow;
-        float* error = errorImage.data() + referenceRow;
+        float* error = errorImage + referenceRow;
         for (int i = 0; i < inReference.width; ++i) {
             const float residual = (gy[i] * uy + gx[i] * ux + f[i]) - r[i];
             error[i] = residual * residual * energyNorm;
@@ -239,20 +265,29 @@ void SrFloatRegistrationBase::writeResidualImage(const float* reference, const f
     }
 }
 
-void SrFloatRegistrationBase::markValidPixels(cv::Point_<float> shift, char* mask) const {
+template <typename Mask>
+void SrFloatRegistrationBase::markValidPixels(cv::Point_<float> shift, Mask* mask, int worker) {
+    const float* blurredErrorImage = blurredErrorImageOf(worker);
     const cv::Point_<int> rounded(roundHalfUpSaturated(shift.x, width),
                                   roundHalfUpSaturated(shift.y, height));
     const cv::Rect valid = overlapOf(rounded).reference;
     for (int y = valid.y; y < valid.y + valid.height; ++y) {
-        const float* smoothed = blurredErrorImage.data() + y * width;
-        char* validRow = mask + y * width;
+        const float* smoothed = blurredErrorImage + y * width;
+        Mask* validRow = mask + y * width;
         for (int x = valid.x; x < valid.x + valid.width; ++x) {
             if (smoothed[x] < regError) {
-                validRow[x] = 1;
+                validRow[x] = Mask(1);
             }
         }
     }
 }
+
+// The reference registration marks its byte masks with the same rule.
+template void SrFloatRegistrationBase::markValidPixels(cv::Point_<float>, char*, int);
+template cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float*, const float*,
+                                                                cv::Point_<int>, char*, int);
+template cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float*, const float*,
+                                                                cv::Point_<int>, float*, int);
 
 void SrFloatRegistrationBase::shiftFrame(const float* source, cv::Point_<float>& shift,
                                          float* destination) const {

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <opencv2/core.hpp>
 #include <vector>
 
 #include "platform/kelvo/Exception.h"
+#include "vision/superresolution/ParallelRuns.h"
 
 namespace kelvo::vision {
 
@@ -41,6 +43,11 @@ public:
     // The full shifts (whole and sub-pixel parts) of the last doRegistration.
     void getCompleteShifts(std::vector<cv::Point_<float>>& out) const;
 
+    // Threads that share the sub-pixel steps of the frames (1: the caller's thread). Each
+    // frame's step is computed alone, so the count changes nothing in the results.
+    int getThreads() const { return threads; }
+    void setThreads(int count);
+
 protected:
     // Gradients of the (blurred) reference: central differences inside, one-sided
     // and not halved on the border rows and columns; and their whole-image sums
@@ -57,9 +64,17 @@ protected:
     // The normalised squared residual of the linearised model, mean filtered, marks
     // the mask's valid pixels (below regError); the mask is only ever set to 1, so
     // the caller clears it first. The gradients and sums must be those of
-    // computeReferenceGradients(reference). Returns s0 + u.
+    // computeReferenceGradients(reference). Returns s0 + u. Masks are bytes or floats
+    // (1 valid). `worker` names the residual images it works in: 0 those of the object,
+    // w > 0 the w-th of the threads' own, so that the steps of different frames may run
+    // at once.
+    template <typename Mask>
     cv::Point_<float> opticalFlow(const float* reference, const float* frame, cv::Point_<int> start,
-                                  char* mask);
+                                  Mask* mask, int worker = 0);
+    // step(frame, worker) for every frame in `frameIndices`, the frames dealt out in
+    // getThreads() runs of consecutive entries, run w with worker w.
+    template <typename Step>
+    void forEachFrame(const std::vector<int>& frameIndices, Step step);
 
     // Moves `source` by the whole-pixel part of `shift` as one flat array (pixels
     // carry across row ends; only the ends of the array are zero-filled) and leaves
@@ -97,11 +112,21 @@ protected:
     // the threshold near the overlap edge; the overlap gets the squared residual of the
     // step u = (ux, uy) times energyNorm; once errorImage is smoothed into
     // blurredErrorImage, the pixels below regError inside the overlap of the rounded
-    // shift are set to 1 in the mask.
-    void fillUncovered(const Overlap& overlap);
+    // shift are set to 1 in the mask. `worker` as in opticalFlow.
+    void fillUncovered(const Overlap& overlap, int worker = 0);
     void writeResidualImage(const float* reference, const float* frame, const Overlap& overlap,
-                            float ux, float uy, float energyNorm);
-    void markValidPixels(cv::Point_<float> shift, char* mask) const;
+                            float ux, float uy, float energyNorm, int worker = 0);
+    template <typename Mask>
+    void markValidPixels(cv::Point_<float> shift, Mask* mask, int worker = 0);
+
+    // The residual images of a worker (see opticalFlow).
+    struct ResidualImages {
+        std::vector<float> error;
+        std::vector<float> blurredError;
+        cv::Mat_<float> meanFilterScratch;
+    };
+    float* errorImageOf(int worker);
+    float* blurredErrorImageOf(int worker);
 
     int width;
     int height;
@@ -116,6 +141,9 @@ protected:
     std::vector<float> errorImage;
     std::vector<float> blurredErrorImage;
     cv::Mat_<float> meanFilterScratch;
+    int threads = 1;
+    // The residual images of the threads beyond the first.
+    std::vector<ResidualImages> workerResiduals;
     float sumGxx = 0.0f;
     float sumGxy = 0.0f;
     float sumGyy = 0.0f;
@@ -123,5 +151,12 @@ protected:
     std::vector<cv::Point_<float>> completeShifts;
     std::vector<cv::Point_<float>> lastShifts;
 };
+
+template <typename Step>
+void SrFloatRegistrationBase::forEachFrame(const std::vector<int>& frameIndices, Step step) {
+    forEachInRuns(static_cast<int>(frameIndices.size()),
+                  std::min(threads, static_cast<int>(workerResiduals.size()) + 1),
+                  [&](int entry, int worker) { step(frameIndices[entry], worker); });
+}
 
 }  // namespace kelvo::vision

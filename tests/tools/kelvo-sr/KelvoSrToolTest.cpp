@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -247,6 +248,15 @@ TEST_F(KelvoSrTool, ReferenceEngineTurnsCalibratedCountsIntoRadiance) {
               kelvo::tools::ImageQuality::psnr(
                   kelvo::tools::ImageQuality::upscaleBicubic(burst.frames[1]), burst.truth) +
                   0.5);
+
+    fs::create_directories(path("sequence"));
+    for (int i = 0; i < 6; ++i) {
+        fs::copy_file(path(names[i % 5]), path("sequence/counts" + std::to_string(i) + ".png"));
+    }
+    const ToolRun sequence =
+        run("sequence sequence --engine reference --calibration low.png 20 high.png 40 -o results");
+    EXPECT_EQ(sequence.exitCode, 0) << sequence.output;
+    EXPECT_NE(sequence.output.find("frames: 6, results: 2"), std::string::npos) << sequence.output;
 
     const std::string frames = "burst" + joined(names) + " --engine reference";
     expectFailure(frames, "needs --calibration");
@@ -688,6 +698,19 @@ TEST_F(KelvoSrTool, ATemperatureBurstWithExtremePixelsStaysInTemperatures) {
     const ToolRun stuck = run("burst" + joined(names) + " --bad-pixels auto -o stuck.tiff");
     EXPECT_NE(stuck.output.find("bad pixels: 1 found in all 5 frames"), std::string::npos)
         << stuck.output;
+
+    // Counts stored as floats look like temperatures of a furnace, but are whole numbers.
+    for (int i = 0; i < 5; ++i) {
+        cv::Mat_<float> counts = burst.frames[i] * 40.0f + 3000.0f;
+        for (float& value : counts) {
+            value = std::round(value);
+        }
+        cv::imwrite(path(names[i]).string(), counts);
+    }
+    const ToolRun floatCounts = run("burst" + joined(names) + " -o counts.tiff");
+    EXPECT_NE(floatCounts.output.find(", whole numbers only), valid -32768..65535"),
+              std::string::npos)
+        << floatCounts.output;
 
     // Above 382 degrees Celsius centikelvin no longer fit 16 bits: the PNG says so.
     for (int i = 0; i < 5; ++i) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <opencv2/imgproc.hpp>
 #include <regex>
 #include <sstream>
@@ -182,6 +183,22 @@ TEST(SrFloatPass, ACopiedEngineComputesTheSameImageIndependently) {
     const cv::Mat_<float> before = pass.result.clone();
     pass.run();
     EXPECT_EQ(cv::norm(pass.result, before, cv::NORM_INF), 0.0);
+}
+
+// The pass's result does not depend on how many threads share it, to the bit.
+TEST(SrFloatPass, ThreadsChangeNothingInTheResult) {
+    const Burst burst = simulatedBurst(cv::Size(96, 80), 7);
+    Pass single(burst.frames);
+    single.run();
+    for (int threads : {2, 4}) {
+        Pass shared(burst.frames);
+        shared.engine.setThreads(threads);
+        EXPECT_EQ(shared.run(), single.status);
+        EXPECT_EQ(std::memcmp(shared.result.ptr(), single.result.ptr(),
+                              single.result.total() * sizeof(float)),
+                  0)
+            << threads << " threads";
+    }
 }
 
 }  // namespace

@@ -72,6 +72,12 @@ TEST(SrFloat, ParametersAreCheckedAtTheirBoundaries) {
     EXPECT_EQ(thrownMessage([&] { engine.setRelativeResidue(1e-6f); }), weightMessage);
     EXPECT_EQ(thrownMessage([&] { engine.setRelativeResidue(1.0001e-6f); }), "");
 
+    const std::string threadsMessage = "Invalid number of threads specified.";
+    EXPECT_EQ(thrownMessage([&] { engine.setThreads(0); }), threadsMessage);
+    EXPECT_EQ(thrownMessage([&] { engine.setThreads(65); }), threadsMessage);
+    EXPECT_EQ(thrownMessage([&] { engine.setThreads(64); }), "");
+    EXPECT_EQ(engine.getThreads(), 64);
+
     // A rejected value leaves the stored one alone.
     EXPECT_EQ(engine.getReferenceIndex(), 4);
     EXPECT_FLOAT_EQ(engine.getRegError(), 1.0f);

@@ -101,13 +101,11 @@ SuperResolution::SuperResolution(int width, int height, int windowSize, float fa
 SuperResolution::~SuperResolution() = default;
 
 void SuperResolution::setReferenceIndex(int index) {
-    checkReferenceIndex(index, windowSize);
-    referenceIndex = index;
+    referenceIndex = checkedReferenceIndex(index, windowSize);
 }
 
 void SuperResolution::setPsfSigma(float sigma) {
-    checkPsfSigma(sigma);
-    minimization->setPsfSigma(sigma);
+    minimization->setPsfSigma(checkedPsfSigma(sigma));
 }
 
 float SuperResolution::getPsfSigma() const {
@@ -115,8 +113,7 @@ float SuperResolution::getPsfSigma() const {
 }
 
 void SuperResolution::setMaxCGIters(int iterations) {
-    checkMaxCGIters(iterations);
-    minimization->setMaxIter(iterations);
+    minimization->setMaxIter(checkedMaxCGIters(iterations));
 }
 
 int SuperResolution::getMaxCGIters() const {
@@ -124,8 +121,7 @@ int SuperResolution::getMaxCGIters() const {
 }
 
 void SuperResolution::setRegError(float error) {
-    checkRegError(error);
-    registration->setRegError(error);
+    registration->setRegError(checkedRegError(error));
 }
 
 float SuperResolution::getRegError() const {
@@ -133,8 +129,7 @@ float SuperResolution::getRegError() const {
 }
 
 void SuperResolution::setWeightTV(float weight) {
-    checkWeightTV(weight);
-    minimization->setWeightTV(weight);
+    minimization->setWeightTV(checkedWeightTV(weight));
 }
 
 float SuperResolution::getWeightTV() const {
@@ -142,8 +137,7 @@ float SuperResolution::getWeightTV() const {
 }
 
 void SuperResolution::setRelativeResidue(float residue) {
-    checkRelativeResidue(residue);
-    minimization->setRelRes(residue);
+    minimization->setRelRes(checkedRelativeResidue(residue));
 }
 
 float SuperResolution::getRelativeResidue() const {
@@ -168,7 +162,12 @@ int SuperResolution::loadFrame(const T* frame) {
         ++storedFrames;
     }
     float* newest = frames[storedFrames - 1];
-    std::copy(frame, frame + inputSize, newest);
+    if constexpr (std::is_same_v<T, float>) {
+        const float* marked = knownBadPixels.marked(frame);
+        std::copy(marked, marked + inputSize, newest);
+    } else {
+        std::copy(frame, frame + inputSize, newest);
+    }
 
     int badPixelResult = 0;
     if constexpr (std::is_same_v<T, float>) {

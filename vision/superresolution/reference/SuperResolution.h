@@ -5,6 +5,7 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "vision/superresolution/KnownBadPixels.h"
 #include "vision/superresolution/SuperResolutionBadPixelHandling.h"
 #include "vision/superresolution/TimingSink.h"
 #include "vision/superresolution/reference/Point.h"
@@ -33,9 +34,10 @@ class SuperResolutionMinimization;
 // fraction of a pixel against the reference, and the frames add no detail.
 //
 // Parameter setters reject out-of-range values with the float engine's messages (a
-// plain C string) and leave the engine unchanged. Frames of 16-bit counts skip the
-// bad-pixel stage: their defects are those of the sensor, which the calibration
-// repairs.
+// plain C string) and leave the engine unchanged. 16-bit frames given to addFrame are
+// stored as they are and their passes skip the bad-pixel stage, whose valid ranges are
+// those of float data; raw counts that need it enter through processFrame2, which
+// repairs them as radiance.
 class SuperResolution {
 public:
     SuperResolution(int width, int height, int windowSize, float factor);
@@ -75,6 +77,13 @@ public:
     // processing possible" when the spectrum overflows; the frame stays stored.
     template <typename T>
     int addFrame(const T* frame);
+    // Known defective pixels of the sensor: float frames (radiance from processFrame2
+    // included) get the minimum marker there as they are stored, so that the bad-pixel
+    // stage repairs them and refills the result around them. Throws
+    // std::invalid_argument for a position outside the frame, keeping the previous list.
+    void setKnownBadPixels(const std::vector<cv::Point>& positions) {
+        knownBadPixels.set(positions, cv::Size(width, height));
+    }
     void clearFrames() { storedFrames = 0; }
 
     // The pass: writes outputSize values to `out` and returns the quality factor
@@ -169,6 +178,7 @@ private:
     std::vector<cv::Mat_<float>> frameViews;
     int storedFrames = 0;
     TimingSink timingSink;
+    KnownBadPixels knownBadPixels;
 
     cv::Mat_<float> gainMap;
     cv::Mat_<float> offsetMap;

@@ -18,7 +18,6 @@ SuperResolutionMinimization::SuperResolutionMinimization(int lrWidth, int lrHeig
       fullHeight(static_cast<int>(static_cast<float>(lrHeight) * factor +
                                   static_cast<float>(psfSize) - 1.0f)),
       fullSize(fullWidth * fullHeight),
-      maxFrames(maxFrames),
       factor(factor),
       basePsf(psfSize),
       psfX(maxFrames, std::vector<float>(psfSize)),

@@ -65,7 +65,6 @@ private:
     int fullWidth;
     int fullHeight;
     int fullSize;
-    int maxFrames;
     float factor;
     float psfSigma = 0.0f;
     float weightTV = 0.0f;

@@ -209,6 +209,11 @@ TEST(SuperResolutionRegistration, IdenticalFramesAndTooLargeDisplacements) {
                   "kelvo::vision::SuperResolutionRegistration::doRegistration(..)\n");
     }
     EXPECT_EQ(call.run(registration, 2), -9);
+    // A copy registers on buffers of its own.
+    SuperResolutionRegistration copy = registration;
+    call.frames[0] = call.frames[1].clone();
+    EXPECT_EQ(call.run(copy, 1), 0);
+    EXPECT_EQ(call.shifts[0].x, 0.0f);
 }
 
 }  // namespace

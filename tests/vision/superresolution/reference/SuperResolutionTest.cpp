@@ -215,6 +215,22 @@ TEST(SuperResolution, ShortFramesSkipTheBadPixelStage) {
     EXPECT_NEAR(cv::mean(cv::Mat_<short>(48, 64, shortOut.data()))[0], mean, 0.05 * mean);
 }
 
+TEST(SuperResolution, KnownBadPixelsAreRepairedAsFloatFramesArrive) {
+    SuperResolution engine(16, 16, 5, 2.0f);
+    EXPECT_THROW(engine.setKnownBadPixels({{16, 0}}), std::invalid_argument);
+    engine.setKnownBadPixels({{5, 7}});
+    cv::Mat_<float> frame(16, 16, 20.0f);
+    frame(7, 5) = 3000.0f;  // a valid value, but a stuck pixel
+    engine.addFrame(frame.ptr<float>());
+    const cv::Mat& defects = engine.getBadPixelHandling().getDefectMaps().back();
+    EXPECT_EQ(cv::countNonZero(defects), 1);
+    EXPECT_NE(defects.at<unsigned char>(7, 5), 0);
+    // 16-bit frames are stored as they are.
+    cv::Mat_<short> counts(16, 16, short(20));
+    engine.addFrame(counts.ptr<short>());
+    EXPECT_EQ(engine.getBadPixelHandling().getDefectMaps().size(), 1u);
+}
+
 TEST(SuperResolution, SimpleCombineSamplesHalvedCoordinatesForEveryFactor) {
     for (const float factor : {2.0f, 3.0f}) {
         SuperResolution engine(16, 16, 2, factor);
