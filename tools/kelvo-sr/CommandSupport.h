@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/FrameReader.h"
 #include "tools/kelvo-sr/SuperResolver.h"
 
