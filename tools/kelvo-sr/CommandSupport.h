@@ -12,8 +12,6 @@
 
 namespace kelvo::tools {
 
-class FrameEngine;
-
 // The raw format the options describe, or null when neither --size nor --type was
 // given; throws std::runtime_error when only one of them is, or the size is malformed.
 std::unique_ptr<RawFormat> rawFormatFromOptions(const std::string& size, const std::string& type);
