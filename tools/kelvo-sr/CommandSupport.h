@@ -50,4 +50,16 @@ std::unique_ptr<SuperResolver> makeSuperResolver(const EngineOptions& options,
                                                  const std::vector<cv::Mat_<float>>& burst,
                                                  int storedDepth);
 
+// The sensor blur --psf-sigma gives as a number, or 0 when it names none (empty: the
+// camera's or the default). Throws std::runtime_error for anything but auto or a
+// positive number.
+float chosenPsfSigma(const EngineOptions& options);
+
+// With --psf-sigma auto, estimates the sensor blur from the frames of the pass (indices
+// into `frames`, oldest first, with options.referenceIndex counted back from the newest),
+// says so on standard output and puts the number into the options; when the frames do not
+// allow an estimate, warns on standard error and leaves the camera's or the default blur.
+void resolvePsfSigma(EngineOptions& options, const std::vector<cv::Mat_<float>>& frames,
+                     const std::vector<std::size_t>& window);
+
 }  // namespace kelvo::tools

@@ -6,13 +6,14 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <numeric>
 #include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 #include "tools/kelvo-sr/CommandSupport.h"
-#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/Commands.h"
+#include "tools/kelvo-sr/EngineChoice.h"
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/simulator/ThermalPreview.h"
 
@@ -149,9 +150,14 @@ int runSequence(const SequenceOptions& options) {
         }
         return sequence.next(next);
     };
+    // With --psf-sigma auto, the opening burst's estimate serves every window.
+    EngineOptions engine = options.engine;
+    std::vector<std::size_t> openingWindow(opening.size());
+    std::iota(openingWindow.begin(), openingWindow.end(), std::size_t{0});
+    resolvePsfSigma(engine, opening, openingWindow);
     while (nextFrame(frame)) {
         if (!resolver) {
-            resolver = makeFrameEngine(options.engine, opening, storedDepth);
+            resolver = makeFrameEngine(engine, opening, storedDepth);
         }
         const auto start = std::chrono::steady_clock::now();
         const int status = addNamedFrame(*resolver, sequence.name(frames), frame);
