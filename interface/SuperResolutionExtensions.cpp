@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "interface/SuperResolutionExtensions.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <initializer_list>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "interface/ContextTable.h"
+#include "vision/superresolution/PsfSigmaEstimator.h"
 
 namespace {
 
@@ -250,6 +252,27 @@ int SuperResolution_getReferenceFrame(int handle, int* index) {
         }
         *index = record.engine->getReferenceIndex();
         return SR_OK;
+    });
+}
+
+/* ---- Sensor blur estimate ---- */
+
+int SuperResolution_estimatePsfSigma(int handle, float* sigma) {
+    return withRecord(handle, [sigma](ContextRecord& record) {
+        if (sigma == nullptr) {
+            return rejectNull();
+        }
+        const auto& engine = *record.engine;
+        const int held = engine.getStoredFrames();
+        std::vector<cv::Mat_<float>> frames;
+        for (int position = 0; position < held; ++position) {
+            frames.emplace_back(engine.getHeight(), engine.getWidth(),
+                                const_cast<float*>(engine.getFrame(position)));
+        }
+        // The pass's own choice of reference among the frames held.
+        const int reference = std::max(held - engine.getReferenceIndex() - 1, 0);
+        *sigma = kelvo::vision::PsfSigmaEstimator().estimate(frames, reference);
+        return static_cast<int>(SR_OK);
     });
 }
 

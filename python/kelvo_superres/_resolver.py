@@ -138,7 +138,8 @@ class SuperResolver:
         valid_range or bad_pixels, and refusing NaN or infinite pixels).
     calibration: a RadianceCalibration, with which the reference engine takes raw counts in
         process_counts.
-    threads: threads per pass; this version runs each pass on one.
+    threads: threads that share each pass (1..64, float engines only); the result is the same
+        to the bit for any count.
     timings: print the engine's timing lines (one block per pass) on standard output.
     """
 
@@ -166,12 +167,6 @@ class SuperResolver:
                                 f"{type(calibration).__name__}")
             if engine != "reference":
                 raise ValueError("a calibration needs engine='reference'")
-        threads = _integer("threads", threads)
-        if threads < 1:
-            raise ValueError(f"threads must be at least 1, not {threads}")
-        if threads > 1:
-            raise NotImplementedError("this version runs each pass on one thread: give "
-                                      "threads=1, and run resolvers on threads of your own")
         if valid_range is not None:
             if np.shape(valid_range) != (2,):
                 raise ValueError(f"valid_range must be (minimum, maximum), not {valid_range!r}")
@@ -179,7 +174,8 @@ class SuperResolver:
         self._engine = _core._Resolver(width, height, engine,
                                        values == "counts", valid_range,
                                        _integer("reference", reference), float(psf_sigma),
-                                       _bad_pixel_positions(bad_pixels), bool(timings))
+                                       _bad_pixel_positions(bad_pixels),
+                                       _integer("threads", threads), bool(timings))
         self.psf_sigma = float(psf_sigma)
         self._calibrated = calibration is not None
         if calibration is not None:

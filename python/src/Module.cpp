@@ -111,7 +111,7 @@ void bindResolver(py::module_& module) {
         .def(py::init([](int width, int height, const std::string& engine, bool counts,
                          std::optional<std::pair<float, float>> validRange, int reference,
                          float psfSigma, const std::vector<std::pair<int, int>>& badPixels,
-                         bool timings) {
+                         int threads, bool timings) {
                  ResolverOptions options;
                  options.engine = engine;
                  options.counts = counts;
@@ -125,12 +125,13 @@ void bindResolver(py::module_& module) {
                  for (const auto& [x, y] : badPixels) {
                      options.badPixels.emplace_back(x, y);
                  }
+                 options.threads = threads;
                  options.timings = timings;
                  return std::make_unique<Resolver>(width, height, options);
              }),
              py::arg("width"), py::arg("height"), py::arg("engine"), py::arg("counts"),
              py::arg("valid_range"), py::arg("reference"), py::arg("psf_sigma"),
-             py::arg("bad_pixels"), py::arg("timings"))
+             py::arg("bad_pixels"), py::arg("threads"), py::arg("timings"))
         .def(
             "add",
             [](Resolver& resolver, py::handle frame) {

@@ -60,6 +60,18 @@ void configureDefects(LanesEngine&, const ResolverOptions& options) {
     }
 }
 
+template <class Registration>
+void setThreads(vision::SrFloat<Registration>& engine, int threads) {
+    engine.setThreads(threads);
+}
+
+template <class Engine>
+void setThreads(Engine&, int threads) {
+    if (threads != 1) {
+        throw LibraryError(SR_ERROR, "Only the float engines share a pass among threads.");
+    }
+}
+
 template <class Engine>
 void setTimings(Engine& engine, bool timings) {
     if (!timings) {
@@ -96,6 +108,7 @@ public:
         engine.setReferenceIndex(options.reference);
         engine.setPsfSigma(options.psfSigma);
         configureDefects(engine, options);
+        setThreads(engine, options.threads);
         setTimings(engine, options.timings);
     }
     int addFrame(const float* frame) override { return engine.addFrame(frame); }

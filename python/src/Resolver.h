@@ -55,6 +55,8 @@ struct ResolverOptions {
     // Positions (x, y) of pixels known to be defective in every frame.
     std::vector<cv::Point> badPixels;
     bool timings = false;
+    // Threads that share each pass (float engines only).
+    int threads = 1;
 };
 
 // One engine configured as a context of the C interface is, fed frame by frame: from the

@@ -163,10 +163,11 @@ def test_a_frame_the_library_cannot_repair_is_not_added(small_burst):
     (dict(camera=625), TypeError, "camera must be a text"),
     (dict(values="kelvin"), ValueError, "values must be one of"),
     (dict(engine="fast"), ValueError, "engine must be one of"),
-    (dict(threads=2), NotImplementedError, "one thread"),
     (dict(engine="lanes", bad_pixels=[(1, 2)]), ksr.Error, "^The four-lane engine has no bad-pixel stage"),
     (dict(engine="lanes", values="counts"), ksr.Error, "no bad-pixel stage"),
-    (dict(threads=0), ValueError, "threads must be at least 1"),
+    (dict(threads=0), ksr.Error, "^Invalid number of threads specified.$"),
+    (dict(threads=65), ksr.Error, "^Invalid number of threads specified.$"),
+    (dict(engine="lanes", threads=2), ksr.Error, "^Only the float engines share a pass among threads.$"),
     (dict(bad_pixels=[(0, 0), (96, 0)]), ksr.Error, r"^Defective pixel 1 at \(96, 0\) lies outside the 96 x 80 frame.$"),
     (dict(valid_range=(5, 5)), ksr.Error, "^Invalid range of valid values specified.$"),
     (dict(valid_range=5), ValueError, r"valid_range must be \(minimum, maximum\)"),
@@ -180,6 +181,9 @@ def test_invalid_options(options, error, message):
 
 
 def test_resolvers_on_two_threads_give_the_serial_results(small_burst):
+    for engine in ("float", "phase"):
+        assert (ksr.super_resolve(small_burst, engine=engine, threads=3).image.tobytes()
+                == ksr.super_resolve(small_burst, engine=engine).image.tobytes())
     bursts = [small_burst, small_burst[::-1].copy()]
     expected = [ksr.super_resolve(burst).image for burst in bursts]
     results = [None, None]

@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "interface/SuperResolutionContext.h"
 #include "interface/SuperResolutionInterface.h"
+#include "tools/simulator/RealFrames.h"
 
 namespace {
 
@@ -15,26 +15,11 @@ namespace fs = std::filesystem;
 // 0.1 to 0.65 pixel between neighbours.
 const fs::path kBurst = fs::path(KELVO_SHARED_DATA_DIR) / "hit-uav/bursts/A_1_60_30_00047-00056";
 
-std::vector<cv::Mat_<float>> readBurst() {
-    std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(kBurst)) {
-        files.push_back(entry.path());
-    }
-    std::sort(files.begin(), files.end());
-    std::vector<cv::Mat_<float>> frames;
-    for (const auto& file : files) {
-        cv::Mat_<float> frame;
-        cv::imread(file.string(), cv::IMREAD_GRAYSCALE).convertTo(frame, CV_32F);
-        frames.push_back(frame);
-    }
-    return frames;
-}
-
 TEST(RealBurst, TheWholeInterfaceSuperResolvesARealBurst) {
     if (!fs::is_directory(kBurst)) {
         GTEST_SKIP() << "real frames not found in " << kBurst << "; skipping";
     }
-    const std::vector<cv::Mat_<float>> frames = readBurst();
+    const std::vector<cv::Mat_<float>> frames = kelvo::tools::readGreyFrames(kBurst);
     ASSERT_EQ(frames.size(), 10u);
     const int handle = SuperResolution_init(640, 512);
     ASSERT_GE(handle, 0);

@@ -12,6 +12,7 @@
 #include "tools/kelvo-sr/RunReport.h"
 #include "tools/simulator/ImageQuality.h"
 #include "tools/simulator/ThermalPreview.h"
+#include "vision/superresolution/UsableFrameSelector.h"
 
 namespace kelvo::tools {
 
@@ -20,11 +21,43 @@ namespace {
 constexpr std::size_t kBurstFrames = 5;
 constexpr int kTooLargeDisplacement = -6;
 
-// Window position of the reference frame among the frames given, oldest first.
-std::size_t referencePosition(const BurstCommandOptions& options, std::size_t frameCount) {
-    const std::size_t held = std::min<std::size_t>(frameCount, 5);
-    const std::size_t fromNewest = static_cast<std::size_t>(options.engine.referenceIndex);
-    return frameCount - held + (fromNewest < held ? held - 1 - fromNewest : 0);
+// The frames of the pass (indices of the frames given, oldest first) and its reference
+// index, counted back from the newest: the last five with the chosen --reference, or with
+// --usable-frames, the usable frames nearest the most consistent one. Fewer than five
+// usable frames are made up to five by repeating the reference, which only weighs it more.
+std::vector<std::size_t> choosePassFrames(const BurstCommandOptions& options,
+                                          const std::vector<cv::Mat_<float>>& frames,
+                                          int& referenceIndex) {
+    std::vector<std::size_t> window;
+    referenceIndex = options.engine.referenceIndex;
+    if (!options.usableFrames) {
+        for (std::size_t i = frames.size() - kBurstFrames; i < frames.size(); ++i) {
+            window.push_back(i);
+        }
+        return window;
+    }
+    const auto selection = vision::UsableFrameSelector().select(frames);
+    const std::size_t reference = static_cast<std::size_t>(selection.reference);
+    std::cout << "usable frames: reference " << options.frames[reference]
+              << " (the most consistent)" << std::endl;
+    for (const auto& frame : selection.leftOut) {
+        std::cout << "left out " << options.frames[frame.frame] << ": " << frame.reason
+                  << std::endl;
+    }
+    std::vector<std::size_t> nearest(selection.usable.begin(), selection.usable.end());
+    std::stable_sort(nearest.begin(), nearest.end(), [&](std::size_t a, std::size_t b) {
+        return std::abs(static_cast<long>(a) - static_cast<long>(reference)) <
+               std::abs(static_cast<long>(b) - static_cast<long>(reference));
+    });
+    nearest.resize(std::min(nearest.size(), kBurstFrames));
+    while (nearest.size() < kBurstFrames) {
+        nearest.push_back(reference);
+    }
+    std::sort(nearest.begin(), nearest.end());
+    const std::size_t position =
+        std::find(nearest.begin(), nearest.end(), reference) - nearest.begin();
+    referenceIndex = static_cast<int>(kBurstFrames - 1 - position);
+    return nearest;
 }
 
 void writeComparison(const BurstCommandOptions& options, const cv::Mat_<float>& reference,
@@ -48,9 +81,9 @@ void writeComparison(const BurstCommandOptions& options, const cv::Mat_<float>& 
 
 // Names the frames behind a weak pass and says what to try; throws when the pass left no
 // result.
-void reportPass(const BurstCommandOptions& options, std::size_t first, int frameHeight,
-                const PassReport& pass) {
-    const auto name = [&](std::size_t position) { return options.frames[first + position]; };
+void reportPass(const BurstCommandOptions& options, const std::vector<std::size_t>& window,
+                int frameHeight, const PassReport& pass) {
+    const auto name = [&](std::size_t position) { return options.frames[window[position]]; };
     const std::string reference = name(pass.referencePosition);
     if (pass.status == kRegistrationFailed) {
         throw std::runtime_error(
@@ -98,18 +131,21 @@ int runBurst(const BurstCommandOptions& options) {
     for (const std::string& path : options.frames) {
         frames.push_back(readFrame(path, rawFormat.get(), frames.empty() ? &storedDepth : nullptr));
     }
-    const auto resolver = makeFrameEngine(options.engine, frames, storedDepth);
+    EngineOptions engine = options.engine;
+    const std::vector<std::size_t> window =
+        choosePassFrames(options, frames, engine.referenceIndex);
+    resolvePsfSigma(engine, frames, window);
+    const auto resolver = makeFrameEngine(engine, frames, storedDepth);
     const FrameValues& values = resolver->values();
 
-    // One pass, over the last five frames; earlier ones served the bad-pixel search only.
-    const std::size_t first = frames.size() - kBurstFrames;
-    if (first > 0) {
+    // One pass, over five frames; the others served the bad-pixel search only.
+    if (!options.usableFrames && frames.size() > kBurstFrames) {
         std::cout << "using the last " << kBurstFrames << " of " << frames.size() << " frames"
                   << std::endl;
     }
     int lastStatus = 0;
     double passMilliseconds = 0.0;
-    for (std::size_t i = first; i < frames.size(); ++i) {
+    for (std::size_t i : window) {
         const auto start = std::chrono::steady_clock::now();
         const int status = addNamedFrame(*resolver, options.frames[i], frames[i]);
         passMilliseconds =
@@ -122,13 +158,16 @@ int runBurst(const BurstCommandOptions& options) {
         lastStatus = status;
     }
     const PassReport pass = resolver->lastPass();
-    reportPass(options, first, frames.front().rows, pass);
+    reportPass(options, window, frames.front().rows, pass);
     if (pass.status != 0) {
         lastStatus = pass.status;
     }
     const cv::Mat_<float> result = resolver->result();
     std::cout << describeQualityMap(resolver->estimatedShifts());
-    const std::vector<std::string> used(options.frames.begin() + first, options.frames.end());
+    std::vector<std::string> used;
+    for (std::size_t i : window) {
+        used.push_back(options.frames[i]);
+    }
     RunRecord run{"burst", values.kind, !options.engine.calibration.empty(), {}, {}};
     ResultRecord record = recordPass(pass, used, lastStatus, passMilliseconds);
     const ImageMeaning meaning = meaningOf(values.kind, run.calibrated, record);
@@ -155,8 +194,7 @@ int runBurst(const BurstCommandOptions& options) {
         std::cout << "wrote " << options.preview << std::endl;
     }
     if (!options.compare.empty()) {
-        writeComparison(options, frames[referencePosition(options, frames.size())], result,
-                        meaning);
+        writeComparison(options, frames[window[pass.referencePosition]], result, meaning);
         record.outputs.push_back(options.compare);
         std::cout << "wrote " << options.compare << std::endl;
     }

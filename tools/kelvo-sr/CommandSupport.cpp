@@ -6,6 +6,8 @@
 #include <stdexcept>
 
 #include "tools/kelvo-sr/DefectSearch.h"
+#include "tools/kelvo-sr/EngineChoice.h"
+#include "vision/superresolution/PsfSigmaEstimator.h"
 
 namespace kelvo::tools {
 
@@ -98,11 +100,10 @@ std::vector<cv::Point> chooseDefectivePixels(const std::string& option,
     return found;
 }
 
-int addNamedFrame(FrameEngine& resolver, const std::string& frameName,
-                  const cv::Mat_<float>& frame) {
-    warnOutsideRange(frameName, frame, resolver.values());
+int addNamedFrame(FrameEngine& engine, const std::string& frameName, const cv::Mat_<float>& frame) {
+    warnOutsideRange(frameName, frame, engine.values());
     try {
-        return resolver.addFrame(frame);
+        return engine.addFrame(frame);
     } catch (const std::runtime_error& error) {
         throw std::runtime_error(frameName + ": " + error.what());
     }
@@ -138,7 +139,54 @@ std::unique_ptr<SuperResolver> makeSuperResolver(const EngineOptions& options,
         burst.front().size(), values, options.cameraAndLensType, options.referenceIndex);
     resolver->setVerbose(options.timings);
     resolver->setDefectivePixels(chooseDefectivePixels(options.badPixels, burst, values));
+    if (const float sigma = chosenPsfSigma(options); sigma > 0.0f) {
+        resolver->setPsfSigma(sigma);
+    }
     return resolver;
+}
+
+float chosenPsfSigma(const EngineOptions& options) {
+    if (options.psfSigma.empty() || options.psfSigma == "auto") {
+        return 0.0f;
+    }
+    std::size_t used = 0;
+    float sigma = 0.0f;
+    try {
+        sigma = std::stof(options.psfSigma, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used != options.psfSigma.size() || !(sigma > 0.0f) || !std::isfinite(sigma)) {
+        throw std::runtime_error("--psf-sigma takes auto or a positive number, not \"" +
+                                 options.psfSigma + "\".");
+    }
+    return sigma;
+}
+
+void resolvePsfSigma(EngineOptions& options, const std::vector<cv::Mat_<float>>& frames,
+                     const std::vector<std::size_t>& window) {
+    if (options.psfSigma != "auto") {
+        return;
+    }
+    std::vector<cv::Mat_<float>> pass;
+    for (std::size_t i : window) {
+        pass.push_back(frames[i]);
+    }
+    const int held = static_cast<int>(pass.size());
+    const int reference = std::max(held - options.referenceIndex - 1, 0);
+    float sigma = 0.0f;
+    try {
+        sigma = vision::PsfSigmaEstimator().estimate(pass, reference);
+    } catch (const std::exception& error) {
+        options.psfSigma.clear();
+        std::cerr << "warning: --psf-sigma auto: " << error.what()
+                  << " The sensor blur stays the camera's or the default." << std::endl;
+        return;
+    }
+    std::ostringstream text;
+    text << sigma;
+    options.psfSigma = text.str();
+    std::cout << "PSF sigma estimated from the frames: " << options.psfSigma << std::endl;
 }
 
 }  // namespace kelvo::tools

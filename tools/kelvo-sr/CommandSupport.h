@@ -12,6 +12,8 @@
 
 namespace kelvo::tools {
 
+class FrameEngine;
+
 // The raw format the options describe, or null when neither --size nor --type was
 // given; throws std::runtime_error when only one of them is, or the size is malformed.
 std::unique_ptr<RawFormat> rawFormatFromOptions(const std::string& size, const std::string& type);
@@ -29,8 +31,7 @@ void warnOutsideRange(const std::string& frameName, const cv::Mat_<float>& frame
 
 // Warns like warnOutsideRange and adds the frame; returns the status code. A failure throws
 // std::runtime_error naming the frame.
-int addNamedFrame(FrameEngine& resolver, const std::string& frameName,
-                  const cv::Mat_<float>& frame);
+int addNamedFrame(FrameEngine& engine, const std::string& frameName, const cv::Mat_<float>& frame);
 
 // The known defective pixels the --bad-pixels option names for these frames: none, those of a
 // table written by `kelvo-sr badpixels`, or those the search finds in every frame (auto).
@@ -48,5 +49,17 @@ void warnIfClipped(const std::string& path, const cv::Mat_<float>& image, double
 std::unique_ptr<SuperResolver> makeSuperResolver(const EngineOptions& options,
                                                  const std::vector<cv::Mat_<float>>& burst,
                                                  int storedDepth);
+
+// The sensor blur --psf-sigma gives as a number, or 0 when it names none (empty: the
+// camera's or the default). Throws std::runtime_error for anything but auto or a
+// positive number.
+float chosenPsfSigma(const EngineOptions& options);
+
+// With --psf-sigma auto, estimates the sensor blur from the frames of the pass (indices
+// into `frames`, oldest first, with options.referenceIndex counted back from the newest),
+// says so on standard output and puts the number into the options; when the frames do not
+// allow an estimate, warns on standard error and leaves the camera's or the default blur.
+void resolvePsfSigma(EngineOptions& options, const std::vector<cv::Mat_<float>>& frames,
+                     const std::vector<std::size_t>& window);
 
 }  // namespace kelvo::tools

@@ -16,6 +16,9 @@ struct EngineOptions {
     bool timings = false;
     std::string engine = "float";          // float or reference
     std::vector<std::string> calibration;  // reference engine: two-point calibration of counts
+    // Sensor blur in result pixels: empty for the camera's (or the default), "auto" to
+    // estimate it from the frames, or a number.
+    std::string psfSigma;
 };
 
 // How previews are coloured: the palette, and a fixed range (low, high) or none for one
@@ -44,6 +47,9 @@ struct BurstCommandOptions {
     std::vector<int> crop;  // x, y, width, height in result pixels; empty: the whole image
     std::string json;       // machine-readable record of the run; empty: none
     PreviewOptions look;
+    // Choose the reference and leave out the frames that do not match it, instead of
+    // taking the last five frames as they come.
+    bool usableFrames = false;
     EngineOptions engine;
 };
 

@@ -103,7 +103,10 @@ public:
         engine.setWeightTV(400.0f);
         engine.setRegError(1e-4f);
         engine.setRelativeResidue(0.007f);
-        engine.setPsfSigma(psfSigmaOf(options.cameraAndLensType, firstFrame.size()));
+        const float chosenSigma = chosenPsfSigma(options);
+        engine.setPsfSigma(chosenSigma > 0.0f
+                               ? chosenSigma
+                               : psfSigmaOf(options.cameraAndLensType, firstFrame.size()));
         if (!options.calibration.empty()) {
             calibrate(options.calibration, firstFrame.size());
         } else if (frameValues.kind == ValueKind::kCounts) {

@@ -35,6 +35,9 @@ void addEngineOptions(CLI::App& command, EngineOptions& options) {
         "(default: auto for counts, none for temperatures)");
     command.add_flag("--timings", options.timings, "print the library's timing lines");
     addEngineChoiceOptions(command, options);
+    command.add_option("--psf-sigma", options.psfSigma,
+                       "sensor blur, the Gaussian sigma in result pixels: a number, or auto to "
+                       "estimate it from the first frames (default: the camera's, else 0.683)");
 }
 
 void addPreviewOptions(CLI::App& command, PreviewOptions& options) {
@@ -108,6 +111,11 @@ int main(int argc, char** argv) {
         ->add_option("--crop", burst.crop, "crop of --compare: X Y WIDTH HEIGHT in result pixels")
         ->expected(4);
     addPreviewOptions(*burstCommand, burst.look);
+    burstCommand->add_flag(
+        "--usable-frames", burst.usableFrames,
+        "take as reference the frame most consistent with the others and leave out the "
+        "frames that do not match it (another view, too far moved), then use the (up to "
+        "five) remaining frames nearest the reference; at least three must remain");
     addRawOptions(*burstCommand, burst.rawSize, burst.rawType, {"u16", "i16", "f32"});
     addEngineOptions(*burstCommand, burst.engine);
 

@@ -8,6 +8,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <numeric>
 #include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
@@ -202,7 +203,7 @@ std::mutex libraryMutex;
 // How every engine of the run is made: from the run's opening burst, which decides the
 // values and the known bad pixels once for all of them.
 struct EngineRecipe {
-    const EngineOptions& options;
+    EngineOptions options;
     std::vector<cv::Mat_<float>> opening;
     int storedDepth;
 
@@ -331,6 +332,10 @@ int runSequence(const SequenceOptions& options) {
         return 1;
     }
     FrameValues values;
+    // With --psf-sigma auto, the opening burst's estimate serves every window.
+    std::vector<std::size_t> openingWindow(recipe.opening.size());
+    std::iota(openingWindow.begin(), openingWindow.end(), std::size_t{0});
+    resolvePsfSigma(recipe.options, recipe.opening, openingWindow);
     {
         // Every job's engine gets a slot in the interface's table before the jobs start.
         std::vector<std::unique_ptr<FrameEngine>> reserved;

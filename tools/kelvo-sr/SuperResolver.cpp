@@ -202,6 +202,10 @@ void SuperResolver::setVerbose(bool value) {
                                          nullptr, nullptr));
 }
 
+void SuperResolver::setPsfSigma(float sigma) {
+    check(SuperResolution_setPsfSigma(handle, sigma));
+}
+
 void SuperResolver::setDefectivePixels(const std::vector<cv::Point>& positions) {
     std::vector<int> coordinates;
     for (const cv::Point& position : positions) {

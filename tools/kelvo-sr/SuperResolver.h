@@ -77,6 +77,9 @@ public:
     cv::Size frameSize() const { return size; }
     const FrameValues& values() const { return frameValues; }
 
+    // The sensor blur of the passes to come.
+    void setPsfSigma(float sigma);
+
     // The engine's timing lines reach standard output only when verbose.
     void setVerbose(bool value);
 

@@ -33,54 +33,18 @@ double elapsedMilliseconds(const kelvo::StopWatch& watch) {
 
 template <class Registration>
 SrFloat<Registration>::SrFloat(int width, int height, int windowSize, float factor)
-    : width(checkedGeometry(width, height, factor)),
-      height(height),
-      inputSize(width * height),
-      outputWidth(static_cast<int>(static_cast<float>(width) * factor)),
-      outputHeight(static_cast<int>(static_cast<float>(height) * factor)),
-      outputSize(outputWidth * outputHeight),
-      spectrumSize((width / 2 + 1) * height),
-      windowSize(checkedWindowSize(windowSize)),
-      factor(factor),
-      registration(width, height, windowSize),
-      minimization(width, height, windowSize, factor),
-      badPixelHandling(static_cast<unsigned int>(windowSize)),
-      frames(windowSize, std::vector<float>(inputSize, 0.0f)),
-      registeredFrames(windowSize, std::vector<float>(inputSize, 0.0f)),
-      masks(windowSize, std::vector<char>(inputSize, 0)),
-      result(outputSize, 0.0f),
-      shifts(windowSize, cv::Point_<float>(0.0f, 0.0f)) {
+    : Base(width, height, windowSize, factor, 0),
+      badPixelHandling(static_cast<unsigned int>(windowSize)) {
     frameViews.reserve(windowSize);
-    refreshPointers();
 }
 
 template <class Registration>
 SrFloat<Registration>::SrFloat(const SrFloat& other)
-    : width(other.width),
-      height(other.height),
-      inputSize(other.inputSize),
-      outputWidth(other.outputWidth),
-      outputHeight(other.outputHeight),
-      outputSize(other.outputSize),
-      spectrumSize(other.spectrumSize),
-      windowSize(other.windowSize),
-      factor(other.factor),
-      referenceIndex(other.referenceIndex),
-      minStructureThreshold(other.minStructureThreshold),
-      registration(other.registration),
-      minimization(other.minimization),
+    : Base(other),
       badPixelHandling(other.badPixelHandling),
       timingSink(other.timingSink),
-      lastSrFactor(other.lastSrFactor),
-      frames(other.frames),
-      registeredFrames(other.registeredFrames),
-      masks(other.masks),
-      result(other.result),
-      shifts(other.shifts),
-      completeShifts(other.completeShifts),
-      storedFrames(other.storedFrames) {
+      lastSrFactor(other.lastSrFactor) {
     frameViews.reserve(windowSize);
-    refreshPointers();
 }
 
 template <class Registration>
@@ -88,75 +52,13 @@ SrFloat<Registration>& SrFloat<Registration>::operator=(const SrFloat& other) {
     if (this == &other) {
         return *this;
     }
-    width = other.width;
-    height = other.height;
-    inputSize = other.inputSize;
-    outputWidth = other.outputWidth;
-    outputHeight = other.outputHeight;
-    outputSize = other.outputSize;
-    spectrumSize = other.spectrumSize;
-    windowSize = other.windowSize;
-    factor = other.factor;
-    referenceIndex = other.referenceIndex;
-    minStructureThreshold = other.minStructureThreshold;
-    registration = other.registration;
-    minimization = other.minimization;
+    Base::operator=(other);
     badPixelHandling = other.badPixelHandling;
     timingSink = other.timingSink;
     lastSrFactor = other.lastSrFactor;
-    frames = other.frames;
-    registeredFrames = other.registeredFrames;
-    masks = other.masks;
-    result = other.result;
-    shifts = other.shifts;
-    completeShifts = other.completeShifts;
-    storedFrames = other.storedFrames;
     frameViews.clear();
     frameViews.reserve(windowSize);
-    refreshPointers();
     return *this;
-}
-
-template <class Registration>
-void SrFloat<Registration>::refreshPointers() {
-    framePointers.resize(windowSize);
-    registeredPointers.resize(windowSize);
-    maskPointers.resize(windowSize);
-    for (int i = 0; i < windowSize; ++i) {
-        framePointers[i] = frames[i].data();
-        registeredPointers[i] = registeredFrames[i].data();
-        maskPointers[i] = masks[i].data();
-    }
-}
-
-template <class Registration>
-void SrFloat<Registration>::setReferenceIndex(int index) {
-    referenceIndex = checkedReferenceIndex(index, windowSize);
-}
-
-template <class Registration>
-void SrFloat<Registration>::setPsfSigma(float sigma) {
-    minimization.setPsfSigma(checkedPsfSigma(sigma));
-}
-
-template <class Registration>
-void SrFloat<Registration>::setMaxCGIters(int iterations) {
-    minimization.setMaxIter(checkedMaxCGIters(iterations));
-}
-
-template <class Registration>
-void SrFloat<Registration>::setRegError(float error) {
-    registration.setRegError(checkedRegError(error));
-}
-
-template <class Registration>
-void SrFloat<Registration>::setWeightTV(float weight) {
-    minimization.setWeightTV(checkedWeightTV(weight));
-}
-
-template <class Registration>
-void SrFloat<Registration>::setRelativeResidue(float residue) {
-    minimization.setRelRes(checkedRelativeResidue(residue));
 }
 
 template <class Registration>
@@ -178,14 +80,13 @@ void SrFloat<Registration>::setValidRange(float minimum, float maximum) {
 
 template <class Registration>
 int SrFloat<Registration>::addFrame(const float* frame) {
-    const int loaded = loadFrame(checkedFrame(frame));
+    const int loaded = loadFrame(frame);
     return loaded < 0 ? loaded : 0;
 }
 
 template <class Registration>
 int SrFloat<Registration>::loadFrame(const float* frame) {
-    float* newest = slideWindow(frames, storedFrames, frame, inputSize);
-    refreshPointers();
+    float* newest = this->storeFrame(frame);
 
     cv::Mat_<float> view(height, width, newest);
     int badPixelResult = 0;
@@ -202,15 +103,6 @@ int SrFloat<Registration>::loadFrame(const float* frame) {
 }
 
 template <class Registration>
-float SrFloat<Registration>::computeSR(cv::Mat_<float>& out) {
-    if (!out.isContinuous()) {
-        out.release();
-    }
-    out.create(outputHeight, outputWidth);
-    return computeSR(out.ptr<float>());
-}
-
-template <class Registration>
 float SrFloat<Registration>::computeSR(float* out) {
     std::ostream& timing = timingSink.stream();
     timing << "++++++++++ SrFloat ++++++++++" << std::endl;
@@ -218,7 +110,7 @@ float SrFloat<Registration>::computeSR(float* out) {
     if (storedFrames < 1) {
         return -998.0f;
     }
-    const int ref = getReferencePosition();
+    const int ref = this->getReferencePosition();
 
     kelvo::StopWatch watch;
     const int registered =
@@ -249,33 +141,12 @@ float SrFloat<Registration>::computeSR(float* out) {
                           frameViews);
 
     watch.start();
-    saveFrame(out);
-    const float srFactor = estimateSrFactor();
+    std::memcpy(out, result.data(), sizeof(float) * outputSize);
+    const float srFactor = this->estimateSrFactor(srFactorCap(this->factor));
     lastSrFactor = srFactor;
     timing << " save+srfactor calc:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
     timing << "+++++++++++++++++++++++++++++" << std::endl;
     return status != 0 ? static_cast<float>(status) : srFactor;
-}
-
-template <class Registration>
-void SrFloat<Registration>::saveFrame(float* out) const {
-    std::memcpy(out, result.data(), sizeof(float) * outputSize);
-}
-
-template <class Registration>
-float SrFloat<Registration>::estimateSrFactor() const {
-    return kelvo::vision::estimateSrFactor(maskPointers.data(), storedFrames, inputSize,
-                                           srFactorCap(factor));
-}
-
-template <class Registration>
-void SrFloat<Registration>::getMasks(std::vector<cv::Mat_<unsigned char>>& out) const {
-    copyMasks(maskPointers.data(), windowSize, width, height, out);
-}
-
-template <class Registration>
-void SrFloat<Registration>::getCompleteShifts(std::vector<cv::Point_<float>>& out) const {
-    registration.getCompleteShifts(out);
 }
 
 template class SrFloat<SrFloatRegistration1>;

@@ -226,7 +226,7 @@ TEST(SrFloatConvolution, UnitKernelSamplesAndPlacesPixels) {
         for (int r = 0; r < h; ++r) {
             for (int c = 0; c < w; ++c) {
                 expected[2 * r * g.fullWidth() + step * c] =
-                    static_cast<float>(p.mask[r * w + c]) * p.lowRes[r * w + c];
+                    plain::maskValue(p.mask[r * w + c]) * p.lowRes[r * w + c];
             }
         }
         EXPECT_EQ(placed, expected);
