@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reconstruction's speed: the two sparse operators of one frame and one whole
 // minimisation (5 frames, 8 iterations), optimised and in the plain loops, at the
 // input sizes of the cameras.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole-pass and registration timings, and the quality gain over bicubic upscaling,
 // at the input sizes of common thermal sensors and one larger, with one and two
 // engine threads (the third argument).

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * The plain-function interface of kelvo-superres: a burst of low-resolution thermal frames in,
  * one image twice as wide and twice as high out.

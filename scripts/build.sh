@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Configures and builds the project (release, -O3) into build/: every target, or only the
 # targets named (scripts/demo.sh builds just the library and the tool).
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # From a fresh Debian machine: installs dependencies, builds, runs the demo.
 # The pictures land in ./kelvo-sr-demo/ (comparison.png shows them side by side).
 set -euo pipefail

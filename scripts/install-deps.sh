@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages the project builds, tests and benchmarks with,
 # skipping those already present. Run as root on Debian 12.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # From a fresh Debian machine: installs dependencies, builds, runs every test, four times over:
 #   build/        GCC, the release build, every test;
 #   build-clang/  clang, every test, and results that must match GCC's bit for bit;

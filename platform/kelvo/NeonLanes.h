@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // Four-lane float vector operations under their ARM NEON names: the compiler's own

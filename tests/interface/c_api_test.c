@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The whole calling order of the C interface, from a C program, on a synthetic burst: a smooth
    scene with a few warm spots, seen five times by a camera that moves by fractions of a pixel.
    Then the same burst as a camera delivers it: 14-bit counts with dead and hot pixels, through

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the built library and tool into a temporary prefix, then, as a user outside the
 # project would: builds the examples against the installed CMake package and runs them, builds
 # the C host with pkg-config alone (which must not pull in OpenCV), runs the installed tool from

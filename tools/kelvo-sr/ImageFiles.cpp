@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tools/kelvo-sr/ImageFiles.h"
 
 #include "interface/SuperResolutionExtensions.h"

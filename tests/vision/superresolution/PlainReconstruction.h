@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // The reconstruction written the plain way: every loop in the order that fixes the
