@@ -110,6 +110,17 @@ void shiftPsf(const float* base, int n, float s, float* psf) {
     }
 }
 
+void restoreCropped(const float* estimate, int fullWidth, int margin, int outWidth, int outHeight,
+                    float deviation, float mean, float* result) {
+    for (int r = 0; r < outHeight; ++r) {
+        const float* source = estimate + (r + margin) * fullWidth + margin;
+        float* target = result + r * outWidth;
+        for (int c = 0; c < outWidth; ++c) {
+            target[c] = deviation * source[c] + mean;
+        }
+    }
+}
+
 SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor)
     : lrWidth(lrWidth),
       lrHeight(lrHeight),
@@ -189,7 +200,7 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
         psfYTable[k] = psfY[k].data();
         lowResTable[k] = lowResScratch[k].data();
     }
-    generatePsfs(numFrames, shifts);
+    shiftPsfs(basePsf, factor, numFrames, shifts, psfX, psfY);
     forEachBand([&](int stripe, int first, int end) {
         std::fill(rhs.begin() + first * fullWidth, rhs.begin() + end * fullWidth, 0.0f);
         convolutionOf(stripe).accumulateFullConvFromSparse(
@@ -200,35 +211,14 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
         1.0 / sumInLanes(fullSize, [&](int i) { return static_cast<double>(b[i] * b[i]); }));
     estimate = rhs;
 
-    // The restarts share one budget of iterations. A restart left with no budget would
-    // only recompute weights and residual, which the result does not depend on.
-    int total = 0;
-    for (int restart = 0; restart < maxIter && total < maxIter; ++restart) {
-        const int iterations = conjugateGradients(numFrames, masks, maxIter - total);
-        total += iterations;
-        if (iterations == 0) {
-            break;
-        }
-    }
+    const int total = runRestarts(
+        maxIter, [&](int budgetLeft) { return conjugateGradients(numFrames, masks, budgetLeft); });
 
-    const int outWidth = static_cast<int>(static_cast<float>(lrWidth) * factor);
-    const int outHeight = static_cast<int>(static_cast<float>(lrHeight) * factor);
-    const int offset = (psfSize - 1) / 2;
-    for (int r = 0; r < outHeight; ++r) {
-        const float* source = estimate.data() + (r + offset) * fullWidth + offset;
-        float* target = result + r * outWidth;
-        for (int c = 0; c < outWidth; ++c) {
-            target[c] = deviation * source[c] + meanValue;
-        }
-    }
+    restoreCropped(estimate.data(), fullWidth, (psfSize - 1) / 2,
+                   static_cast<int>(static_cast<float>(lrWidth) * factor),
+                   static_cast<int>(static_cast<float>(lrHeight) * factor), deviation, meanValue,
+                   result);
     return total;
-}
-
-void SrFloatMinimization::generatePsfs(int numFrames, cv::Point_<float>* const shifts) {
-    for (int k = 0; k < numFrames; ++k) {
-        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].x, psfX[k].data());
-        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].y, psfY[k].data());
-    }
 }
 
 KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, char** masks,

@@ -59,7 +59,6 @@ public:
     const float* getBasePsf() const { return basePsf.data(); }
 
 private:
-    void generatePsfs(int numFrames, cv::Point_<float>* const shifts);
     int conjugateGradients(int numFrames, char** masks, int maxIter);
     // The TV weights of the pixels in rows [firstRow, endRow).
     void computeL(int firstRow, int endRow);
@@ -130,6 +129,38 @@ float approximateErf(float x);
 void buildBasePsf(float factor, float sigma, float* basePsf, int psfSize);
 // psf = base moved by s (|s| <= 1) high-resolution pixels; both have n taps.
 void shiftPsf(const float* base, int n, float s, float* psf);
+// The horizontal and vertical PSFs of each frame: the base moved by the frame's
+// sub-pixel shift, in high-resolution pixels. Point is any record with float x and y.
+template <typename Point>
+void shiftPsfs(const std::vector<float>& base, float factor, int numFrames, const Point* shifts,
+               std::vector<std::vector<float>>& psfX, std::vector<std::vector<float>>& psfY) {
+    const int n = static_cast<int>(base.size());
+    for (int k = 0; k < numFrames; ++k) {
+        shiftPsf(base.data(), n, factor * shifts[k].x, psfX[k].data());
+        shiftPsf(base.data(), n, factor * shifts[k].y, psfY[k].data());
+    }
+}
+// Restarted conjugate gradients: the restarts share one budget of maxIter iterations;
+// restart(budgetLeft) recomputes the lagged weights, runs at most budgetLeft iterations
+// and returns how many it ran. A restart that runs none ends the solve: another would
+// only recompute weights and residual, which the result does not depend on. Returns
+// the iterations spent.
+template <typename Restart>
+int runRestarts(int maxIter, Restart restart) {
+    int total = 0;
+    for (int pass = 0; pass < maxIter && total < maxIter; ++pass) {
+        const int iterations = restart(maxIter - total);
+        total += iterations;
+        if (iterations == 0) {
+            break;
+        }
+    }
+    return total;
+}
+// The outHeight x outWidth result from the normalised estimate (fullWidth columns, a
+// PSF margin of `margin` pixels on each side): deviation * x + mean, margin cropped.
+void restoreCropped(const float* estimate, int fullWidth, int margin, int outWidth, int outHeight,
+                    float deviation, float mean, float* result);
 // The TV weights of rows [firstRow, endRow) from the estimate x (w columns).
 void computeTvWeights(const float* x, int w, int fullHeight, float negInvWeightTV, float epsilon,
                       float invEpsilon, const TvWeights& weights, int firstRow, int endRow);

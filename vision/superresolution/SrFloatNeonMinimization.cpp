@@ -104,7 +104,7 @@ int SrFloatNeonMinimization::minimize(int numFrames, int refIndex, float** const
         }
     }
 
-    generatePsfs(numFrames, shifts);
+    shiftPsfs(basePsf, factor, numFrames, shifts, psfX, psfY);
     std::fill(rhs.begin(), rhs.end(), 0.0f);
     for (int k = 0; k < numFrames; ++k) {
         convolution.fullConvFromSparse(frames[k], psfX[k].data(), psfY[k].data(), masks[k],
@@ -116,34 +116,14 @@ int SrFloatNeonMinimization::minimize(int numFrames, int refIndex, float** const
         1.0 / sumInLanes(fullSize, [&](int i) { return static_cast<double>(b[i] * b[i]); }));
     estimate = rhs;
 
-    // The restarts share one budget of iterations.
-    int total = 0;
-    for (int restart = 0; restart < maxIter && total < maxIter; ++restart) {
-        const int iterations = conjugateGradients(numFrames, masks, maxIter - total);
-        total += iterations;
-        if (iterations == 0) {
-            break;
-        }
-    }
+    const int total = runRestarts(
+        maxIter, [&](int budgetLeft) { return conjugateGradients(numFrames, masks, budgetLeft); });
 
-    const int outWidth = static_cast<int>(static_cast<float>(lrWidth) * factor);
-    const int outHeight = static_cast<int>(static_cast<float>(lrHeight) * factor);
-    const int offset = (psfSize - 1) / 2;
-    for (int r = 0; r < outHeight; ++r) {
-        const float* source = estimate.data() + (r + offset) * fullWidth + offset;
-        float* target = result + r * outWidth;
-        for (int c = 0; c < outWidth; ++c) {
-            target[c] = deviation * source[c] + meanValue;
-        }
-    }
+    restoreCropped(estimate.data(), fullWidth, (psfSize - 1) / 2,
+                   static_cast<int>(static_cast<float>(lrWidth) * factor),
+                   static_cast<int>(static_cast<float>(lrHeight) * factor), deviation, meanValue,
+                   result);
     return total;
-}
-
-void SrFloatNeonMinimization::generatePsfs(int numFrames, cv::Point_<float>* const shifts) {
-    for (int k = 0; k < numFrames; ++k) {
-        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].x, psfX[k].data());
-        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].y, psfY[k].data());
-    }
 }
 
 void SrFloatNeonMinimization::computeL() {

@@ -41,7 +41,6 @@ public:
     const float* getBasePsf() const { return basePsf.data(); }
 
 private:
-    void generatePsfs(int numFrames, cv::Point_<float>* const shifts);
     int conjugateGradients(int numFrames, float** masks, int maxIter);
     void computeL();
     void gradient(float* const in, int numFrames, float** masks, float* out);

@@ -89,7 +89,7 @@ int SuperResolutionMinimization::minimize(int numFrames, int refIndex, float** c
         }
     }
 
-    generatePsfs(numFrames, shifts);
+    shiftPsfs(basePsf, factor, numFrames, shifts, psfX, psfY);
     std::fill(rhs.begin(), rhs.end(), 0.0f);
     for (int k = 0; k < numFrames; ++k) {
         convolution.fullConvFromSparse(frames[k], psfX[k].data(), psfY[k].data(), masks[k],
@@ -101,15 +101,8 @@ int SuperResolutionMinimization::minimize(int numFrames, int refIndex, float** c
     invRhsNorm2 = 1.0f / dot(rhs.data(), rhs.data());
     estimate = rhs;
 
-    // The restarts share one budget of iterations.
-    int total = 0;
-    for (int restart = 0; restart < maxIter && total < maxIter; ++restart) {
-        const int iterations = conjugateGradients(numFrames, masks, maxIter - total);
-        total += iterations;
-        if (iterations == 0) {
-            break;
-        }
-    }
+    const int total = runRestarts(
+        maxIter, [&](int budgetLeft) { return conjugateGradients(numFrames, masks, budgetLeft); });
 
     // De-normalise everything, margins included, then copy the crop that starts
     // (off, off) into the full image.
@@ -125,13 +118,6 @@ int SuperResolutionMinimization::minimize(int numFrames, int refIndex, float** c
         source += outWidth + psfSize - 1;
     }
     return total;
-}
-
-void SuperResolutionMinimization::generatePsfs(int numFrames, PointF* const shifts) {
-    for (int k = 0; k < numFrames; ++k) {
-        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].x, psfX[k].data());
-        shiftPsf(basePsf.data(), psfSize, factor * shifts[k].y, psfY[k].data());
-    }
 }
 
 TvWeights SuperResolutionMinimization::tvWeights() {

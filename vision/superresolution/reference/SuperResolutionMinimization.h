@@ -51,7 +51,6 @@ public:
     const float* getEstimate() const { return estimate.data(); }
 
 private:
-    void generatePsfs(int numFrames, PointF* const shifts);
     int conjugateGradients(int numFrames, char** masks, int maxIter);
     void computeL();
     void gradient(const float* in, int numFrames, char** masks, float* out);
