@@ -8,7 +8,6 @@
 #include <future>
 #include <iostream>
 #include <map>
-#include <mutex>
 #include <numeric>
 #include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgproc.hpp>
@@ -194,12 +193,6 @@ void showProgress(int done, int total) {
     std::fflush(stderr);
 }
 
-// Engines on several threads do not yet give the results of one engine at a time (the
-// registration of a small frame may fail while another context opens or passes), so
-// every call into the library takes its turn, and the jobs overlap reading, writing and
-// compressing with the passes. The table of contexts holds a slot for every job before
-// the jobs start, so that it never grows under a running pass.
-std::mutex libraryMutex;
 
 // How every engine of the run is made: from the run's opening burst, which decides the
 // values and the known bad pixels once for all of them.
@@ -240,7 +233,6 @@ public:
             cv::Mat_<float> result;
             ResultRecord record;
             {
-                std::lock_guard<std::mutex> lock(libraryMutex);
                 int status = 0;
                 double passMilliseconds = 0.0;
                 while (fedUpTo < end) {
@@ -277,7 +269,6 @@ public:
 private:
     // Closes the engine, and opens a new one for the next run of windows when asked.
     void renewEngine(std::unique_ptr<FrameEngine>& engine, bool open) {
-        std::lock_guard<std::mutex> lock(libraryMutex);
         engine.reset();
         if (open) {
             engine = recipe.make();
