@@ -31,7 +31,8 @@ if [[ $libs == *opencv* ]]; then
     echo "pkg-config --libs pulls OpenCV into a C host: $libs" >&2
     exit 1
 fi
-# CC, CFLAGS and LDFLAGS, when set, are those the library was built with (CMake reads them too).
+# CC, CXX, their flags and LDFLAGS, when set, are those the library was built with (CMake reads
+# them too).
 # shellcheck disable=SC2046,SC2086
 "${CC:-cc}" ${CFLAGS:-} -o "$work/pkgconfig-c-host" "$examples_dir/c-host/main.c" \
    $(pkg-config --cflags kelvo-superres) $libs -lm ${LDFLAGS:-}
