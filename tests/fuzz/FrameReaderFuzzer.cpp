@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tool's frame reader on arbitrary bytes, stored under every extension it reads: it must
-// return a frame or throw std::runtime_error naming the file, never crash.
+// return a frame of the size the file's header claims or throw std::runtime_error naming the
+// file, never crash nor allocate for a size no frame may have.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
@@ -10,11 +11,12 @@
 #include <string>
 
 #include "tools/kelvo-sr/FrameReader.h"
+#include "tools/kelvo-sr/ImageHeader.h"
 
 namespace {
 
 constexpr const char* kExtensions[] = {".png", ".tif", ".tiff", ".jpg", ".jpeg",
-                                       ".raw", ".bin", ".pgm",  ""};
+                                       ".raw", ".bin", ".pgm",  "",     ".bmp"};
 constexpr kelvo::tools::RawType kRawTypes[] = {kelvo::tools::RawType::kUnsigned16,
                                                kelvo::tools::RawType::kSigned16,
                                                kelvo::tools::RawType::kFloat32};
@@ -27,7 +29,9 @@ std::string scratchPath(const std::string& extension) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
-    const std::string path = scratchPath(data.PickValueInArray(kExtensions));
+    const std::string extension = data.PickValueInArray(kExtensions);
+    const bool rawFile = extension == ".raw" || extension == ".bin";
+    const std::string path = scratchPath(extension);
     kelvo::tools::RawFormat format;
     format.type = data.PickValueInArray(kRawTypes);
     format.width = data.ConsumeIntegralInRange(1, 64);
@@ -47,6 +51,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
                                           : kelvo::tools::readFrame(path, raw);
         if (frame.empty()) {
             __builtin_trap();  // an empty frame must have been refused with a message
+        }
+        // A decoded image has the size its header claimed: the size the reader checks before
+        // decoding is the one the decoder allocates.
+        const auto header = kelvo::tools::readImageHeader(path);
+        if (!rawFile && header &&
+            (header->width != static_cast<uint64_t>(frame.cols) ||
+             header->height != static_cast<uint64_t>(frame.rows))) {
+            __builtin_trap();
         }
     } catch (const std::runtime_error& error) {
         if (std::string(error.what()).find(path) == std::string::npos) {

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/kelvo-sr/FrameReader.h"
 
+#include "tools/kelvo-sr/ImageHeader.h"
+#include "vision/superresolution/SrEngineCommon.h"
+
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
@@ -124,9 +127,22 @@ cv::Mat readStoredImage(const std::string& path, const RawFormat* rawFormat) {
         }
         return readRawFrame(path, *rawFormat);
     }
+    // Decoders allocate whatever a header claims: a few bytes can ask for gigabytes. So a file
+    // is decoded only in a format whose header was read, and only when the claim fits a frame.
+    const std::optional<ImageHeader> header = readImageHeader(path);
+    constexpr uint64_t kLargest = vision::kMaxFramePixels;
+    if (header && (header->width > kLargest || header->height > kLargest ||
+                   header->width * header->height > kLargest)) {
+        throw std::runtime_error("Cannot read '" + path + "': its " + header->format +
+                                 " header claims " + std::to_string(header->width) + "x" +
+                                 std::to_string(header->height) + " pixels, more than the " +
+                                 std::to_string(kLargest) + " a frame may have.");
+    }
     cv::Mat image;
     try {
-        image = cv::imread(path, cv::IMREAD_UNCHANGED | cv::IMREAD_ANYDEPTH);
+        if (header) {
+            image = cv::imread(path, cv::IMREAD_UNCHANGED | cv::IMREAD_ANYDEPTH);
+        }
     } catch (const cv::Exception&) {
         image.release();
     }

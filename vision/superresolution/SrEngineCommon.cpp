@@ -9,8 +9,6 @@ namespace kelvo::vision {
 
 namespace {
 
-// Frames larger than this would overflow the pixel indices of the stages.
-constexpr long long kMaxInputPixels = 1LL << 26;
 // The smallest frame side the registration's filters are defined on.
 constexpr int kMinFrameSide = 8;
 
@@ -18,7 +16,7 @@ constexpr int kMinFrameSide = 8;
 
 int checkedGeometry(int width, int height, float factor) {
     if (width < kMinFrameSide || height < kMinFrameSide ||
-        static_cast<long long>(width) * height > kMaxInputPixels) {
+        static_cast<long long>(width) * height > kMaxFramePixels) {
         throw std::invalid_argument("Invalid image size specified.");
     }
     // The reconstruction's PSF tables are sized for magnifications in this range.

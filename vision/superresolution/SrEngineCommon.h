@@ -17,8 +17,11 @@ namespace kelvo::vision {
 // masks a registration produced, the quality factor estimate of a pass, and the copy
 // of the masks handed to callers.
 
+// The largest frame the engines take: beyond it the pixel indices of the stages would overflow.
+constexpr long long kMaxFramePixels = 1LL << 26;
+
 // Throws std::invalid_argument for frames smaller than 8 pixels a side, larger than
-// 2^26 pixels, or a magnification outside [1, 4]; returns the width.
+// kMaxFramePixels, or a magnification outside [1, 4]; returns the width.
 int checkedGeometry(int width, int height, float factor);
 // Throws "Invalid reference index specified." below 1; returns the window size.
 int checkedWindowSize(int windowSize);

@@ -61,6 +61,14 @@ void writeBytes(const fs::path& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
 }
 
+std::string littleEndian(unsigned value, int bytes) {
+    std::string text;
+    for (int i = 0; i < bytes; ++i) {
+        text += static_cast<char>((value >> (8 * i)) & 0xff);
+    }
+    return text;
+}
+
 // The files the table names.
 void makeFiles(const fs::path& folder) {
     fs::create_directories(folder / "flat");
@@ -86,6 +94,29 @@ void makeFiles(const fs::path& folder) {
     writeBytes(folder / "empty.png", "");
     writeBytes(folder / "frame.raw", std::string(100, '\x7f'));
     writeBytes(folder / "video.avi", "not a video\n");
+    // Headers claiming more pixels than a frame may have; no decoder must get to allocate them.
+    fs::copy_file(
+        fs::path(KELVO_TESTS_SOURCE_DIR) / "fuzz/corpus/frame_reader/huge-claimed-size.jpg",
+        folder / "huge.jpg");
+    writeBytes(folder / "huge.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\x01\x86\xa0"
+                                                "\0\x01\x86\xa0\x08\0\0\0\0\0\0\0\0",
+                                                33));
+    writeBytes(folder / "huge.bmp", std::string("BM\0\0\0\0\0\0\0\0\0\0\0\0\x28\0\0\0"
+                                                "\x50\xc3\0\0\xb0\x3c\xff\xff",
+                                                26) +
+                                        std::string(30, '\0'));
+    writeBytes(folder / "huge.pgm", "P5\n# a comment\n70000 70000\n255\n");
+    // A TIFF of 80000 x 80000 8-bit pixels in one strip: its header, then a directory of five
+    // entries (tag, type long, count 1, value) and no further directory.
+    std::string hugeTiff = std::string("II*\0", 4) + littleEndian(8, 4) + littleEndian(5, 2);
+    for (const auto& [tag, value] :
+         {std::pair{256u, 80000u}, {257u, 80000u}, {258u, 8u}, {273u, 8u}, {279u, 1u}}) {
+        hugeTiff +=
+            littleEndian(tag, 2) + littleEndian(4, 2) + littleEndian(1, 4) + littleEndian(value, 4);
+    }
+    writeBytes(folder / "huge.tiff", hugeTiff + std::string(4, '\0'));
+    writeBytes(folder / "picture.webp",
+               std::string("RIFF\x1a\0\0\0WEBPVP8L\x0d\0\0\0\x2f", 21) + std::string(13, '\0'));
 }
 
 TEST(BadInputs, EveryOneGivesItsExitCodeAndNamesTheCause) {

@@ -181,9 +181,9 @@ TEST_F(KelvoSrTool, DemoWritesItsPicturesAndPrintsThePsnr) {
     EXPECT_EQ(result.size(), cv::Size(128, 96));
 }
 
-// 16-bit counts above the temperature range are taken as counts, from PNG and from
+// 16-bit counts above the temperature range are taken as counts, from PNG, TIFF, PGM and
 // headerless raw files alike: the same frames give the same result bit for bit.
-TEST_F(KelvoSrTool, BurstTakesCountsFromPngAndRawFrames) {
+TEST_F(KelvoSrTool, BurstTakesCountsFromPngTiffPgmAndRawFrames) {
     std::vector<cv::Mat_<unsigned short>> frames;
     const std::vector<std::string> pngs = writeBurst(5, "frame", &frames);
     const ToolRun fromPng = run("burst" + joined(pngs) + " -o png.tiff --png png.png");
@@ -206,6 +206,18 @@ TEST_F(KelvoSrTool, BurstTakesCountsFromPngAndRawFrames) {
     ASSERT_EQ(pngResult.size(), cv::Size(128, 96));
     ASSERT_EQ(rawResult.size(), pngResult.size());
     EXPECT_EQ(cv::norm(pngResult, rawResult, cv::NORM_INF), 0.0);
+    for (const std::string extension : {".tiff", ".pgm"}) {
+        std::vector<std::string> names;
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            names.push_back("frame" + std::to_string(i) + extension);
+            cv::imwrite(path(names.back()).string(), frames[i]);
+        }
+        const ToolRun other = run("burst" + joined(names) + " -o other.tiff");
+        EXPECT_EQ(other.exitCode, 0) << other.output;
+        const cv::Mat otherResult = cv::imread(path("other.tiff").string(), cv::IMREAD_UNCHANGED);
+        ASSERT_EQ(otherResult.size(), pngResult.size()) << extension;
+        EXPECT_EQ(cv::norm(pngResult, otherResult, cv::NORM_INF), 0.0) << extension;
+    }
     // Counts stay counts: the result lies in the frames' range, not in temperatures.
     double low = 0.0, high = 0.0;
     cv::minMaxLoc(frames[1], &low, &high);
