@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-60}
 build=${KELVO_FUZZ_BUILD:-build-fuzz}
 work=${KELVO_FUZZ_WORK:-fuzz-work}
-fuzzers=(c_interface bad_pixel frame_reader)
+fuzzers=(c_interface bad_pixel frame_reader table_reader resolver)
 
 if [ ! -f "$build/CMakeCache.txt" ]; then
     CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release \

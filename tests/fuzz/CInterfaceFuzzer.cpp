@@ -225,9 +225,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
             case 4: {
                 int width = -1, height = -1;
                 const int handle = pickHandle(data, live);
-                check(SuperResolution_queryOutputImageSize(handle, &width, &height));
+                const int status = SuperResolution_queryOutputImageSize(handle, &width, &height);
+                check(status);
+                // With fewer than five frames the query runs the pass itself; when that pass
+                // fails (-999), the size is not written.
                 const Context* context = contextOf(live, handle);
-                if (context != nullptr &&
+                if (context != nullptr && status != SR_ERROR &&
                     (width != 2 * context->width || height != 2 * context->height)) {
                     __builtin_trap();
                 }
