@@ -23,6 +23,43 @@ int checkedGeometry(int width, int height, float factor);
 // Throws "Invalid reference index specified." below 1; returns the window size.
 int checkedWindowSize(int windowSize);
 
+// The sizes every engine derives from its frame size, window and magnification, checked
+// once as the engine is made: the output is the input times the factor, truncated, and a
+// half spectrum has width / 2 + 1 columns.
+class EngineGeometry {
+public:
+    EngineGeometry(int width, int height, int windowSize, float factor)
+        : width(checkedGeometry(width, height, factor)),
+          height(height),
+          inputSize(width * height),
+          outputWidth(static_cast<int>(static_cast<float>(width) * factor)),
+          outputHeight(static_cast<int>(static_cast<float>(height) * factor)),
+          outputSize(outputWidth * outputHeight),
+          spectrumSize((width / 2 + 1) * height),
+          windowSize(checkedWindowSize(windowSize)),
+          factor(factor) {}
+
+    int getInputSize() const { return inputSize; }
+    int getOutputSize() const { return outputSize; }
+    int getWindowSize() const { return windowSize; }
+    int getWidth() const { return width; }
+    int getHeight() const { return height; }
+    int getOutputWidth() const { return outputWidth; }
+    int getOutputHeight() const { return outputHeight; }
+    int getSpectrumSize() const { return spectrumSize; }
+
+protected:
+    int width;
+    int height;
+    int inputSize;
+    int outputWidth;
+    int outputHeight;
+    int outputSize;
+    int spectrumSize;
+    int windowSize;
+    float factor;
+};
+
 // The parameter checks return the value when it is valid and otherwise throw the
 // message as a plain C string, which is what hosts of every engine catch.
 int checkedReferenceIndex(int index, int windowSize);
