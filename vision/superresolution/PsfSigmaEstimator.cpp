@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <iomanip>
 #include <limits>
 #include <numeric>
 #include <opencv2/imgproc.hpp>
@@ -273,7 +274,8 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
     }
     const cv::Rect crop = mostTexturedCrop(registered[referencePosition], settings.crop);
     // A frame of another place (a cut, a frame torn by a fast move) would pass for detail
-    // the others lack. Frames of one scene correlate above 0.95 even when compressed.
+    // the others lack. Registered frames of one scene correlate above 0.95 even when
+    // compressed; frames with too little structure for the estimate correlate poorly too.
     for (int k = 0; k < count; ++k) {
         cv::Mat_<float> correlation;
         cv::matchTemplate(registered[k](crop), registered[referencePosition](crop), correlation,
@@ -282,8 +284,9 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
             std::ostringstream text;
             text.precision(2);
             text << "Frame " << k << " of the " << count
-                 << " (oldest first, counted from 0) does not match the reference (correlation "
-                 << correlation(0, 0) << "): the PSF sigma needs frames of one scene.";
+                 << " (oldest first, counted from 0) correlates only " << correlation(0, 0)
+                 << " with the reference: the PSF sigma needs frames of one scene with clear"
+                    " detail.";
             throw std::runtime_error(text.str());
         }
     }
@@ -324,8 +327,9 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
     if (spectrum.back().frequency < kHighestNeeded) {
         std::ostringstream text;
         text.precision(2);
-        text << "The frames agree on detail only up to " << spectrum.back().frequency
-             << " cycles per result pixel (" << kHighestNeeded
+        text << "The frames agree on detail only up to " << std::setprecision(3)
+             << spectrum.back().frequency << std::setprecision(2) << " cycles per result pixel ("
+             << kHighestNeeded
              << " needed), too little to estimate the PSF sigma: finer detail"
                 " is weaker than their disagreement of about "
              << components.disagreement

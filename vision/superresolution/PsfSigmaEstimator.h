@@ -19,7 +19,9 @@ namespace kelvo::vision {
 // With four frames or more at distinct shifts this separates, by least squares at each
 // frame frequency, the spectrum of u over the whole band the result can hold (up to
 // half a cycle per high-resolution pixel, twice the frames' Nyquist limit); the
-// residual of the fit measures the noise, whose share is taken off the powers.
+// residual of the fit at each frequency measures the noise there, whose share is taken
+// off the powers. The spectrum ends at the first band whose power no longer stands out of
+// that noise.
 //
 // The data alone cannot tell blur from scene (u is all they show: a sharper scene
 // behind more blur looks the same), so the estimate rests on what real thermal scenes
@@ -33,10 +35,16 @@ namespace kelvo::vision {
 // only) therefore reads as more sensor blur, and a scene sharper than such stills as
 // less.
 //
+// It declines (std::runtime_error, saying why) when a registered frame correlates poorly
+// with the reference (another place, or too little structure), or when the frames agree
+// on detail only at frequencies where the candidate blurs cannot be told from a steeper
+// scene; the message then gives the frames' disagreement at fine scales.
+//
 // Cost: one registration of the whole frames, one DFT of a crop per frame (by default
 // the most textured 128 x 128 frame pixels) and one 8 x 8 least-squares solve per
-// crop frequency: a few tens of milliseconds for five frames, independent of the frame
-// size apart from the registration. For a sequence, estimate once and reuse.
+// crop frequency: about 0.1 s for five frames besides the registration, independent of
+// the frame size (on a 2-core x86-64 machine; the registration of five 640 x 512 frames
+// adds about 50 ms). For a sequence, estimate once and reuse.
 class PsfSigmaEstimator {
 public:
     struct Settings {
