@@ -287,7 +287,7 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
                  << " (oldest first, counted from 0) correlates only " << correlation(0, 0)
                  << " with the reference: the PSF sigma needs frames of one scene with clear"
                     " detail.";
-            throw std::runtime_error(text.str());
+            throw UnmatchedFrame(k, text.str());
         }
     }
     const Components components =

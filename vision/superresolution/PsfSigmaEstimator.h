@@ -2,6 +2,8 @@
 #pragma once
 
 #include <opencv2/core.hpp>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace kelvo::vision {
@@ -66,14 +68,22 @@ public:
         double noise;      // mean noise share that was taken off
     };
 
+    // Why an estimate was declined when one frame correlates poorly with the reference:
+    // `frame` is its position among the frames given.
+    struct UnmatchedFrame : std::runtime_error {
+        UnmatchedFrame(int frame, const std::string& message)
+            : std::runtime_error(message), frame(frame) {}
+        int frame;
+    };
+
     PsfSigmaEstimator() = default;
     explicit PsfSigmaEstimator(const Settings& settings) : settings(settings) {}
 
     // Frames of one size, oldest first, at least four with distinct sub-pixel shifts;
     // `referencePosition` indexes them. Registers them as the engine does and returns
     // the estimated sigma. Throws std::invalid_argument for unusable input and
-    // std::runtime_error when the frames cannot be registered or show too little
-    // structure.
+    // std::runtime_error when the frames cannot be registered, show too little structure
+    // or agree on too little fine detail (UnmatchedFrame for a frame unlike the reference).
     float estimate(const std::vector<cv::Mat_<float>>& frames, int referencePosition);
 
     // The same for frames already moved onto the reference grid by whole pixels, with
