@@ -68,19 +68,25 @@ double superResolvedPsnr(Engine& engine, float sigma, const Burst& burst) {
     return ImageQuality::psnr(result, burst.truth);
 }
 
-void BM_RealSceneQuality(benchmark::State& state) {
-    const Blur& blur = kBlurs[static_cast<std::size_t>(state.range(0))];
+// The stills in the order of their names; none when the data are missing.
+std::vector<fs::path> sortedStills() {
     std::vector<fs::path> stills;
     if (fs::is_directory(kStills)) {
         for (const auto& entry : fs::directory_iterator(kStills)) {
             stills.push_back(entry.path());
         }
     }
+    std::sort(stills.begin(), stills.end());
+    return stills;
+}
+
+void BM_RealSceneQuality(benchmark::State& state) {
+    const Blur& blur = kBlurs[static_cast<std::size_t>(state.range(0))];
+    const std::vector<fs::path> stills = sortedStills();
     if (stills.empty()) {
         state.SkipWithError("real stills not found");
         return;
     }
-    std::sort(stills.begin(), stills.end());
     kelvo::tools::QuietStandardOutput silenced;
     std::vector<Burst> bursts;
     for (std::size_t i = 0; i < stills.size(); ++i) {
@@ -155,17 +161,11 @@ BENCHMARK(BM_RealSceneQuality)
 // reconstruction models it (cut at two taps either side), one burst per still and sigma:
 // the table gives the estimates, the counters how many lie within 20 % of the truth.
 void BM_PsfSigmaRecovery(benchmark::State& state) {
-    std::vector<fs::path> stills;
-    if (fs::is_directory(kStills)) {
-        for (const auto& entry : fs::directory_iterator(kStills)) {
-            stills.push_back(entry.path());
-        }
-    }
+    const std::vector<fs::path> stills = sortedStills();
     if (stills.empty()) {
         state.SkipWithError("real stills not found");
         return;
     }
-    std::sort(stills.begin(), stills.end());
     kelvo::tools::QuietStandardOutput silenced;
     int within = 0, total = 0, declined = 0;
     std::ostringstream table;
