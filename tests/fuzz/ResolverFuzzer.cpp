@@ -2,7 +2,8 @@
 // The checks behind the Python module: its SuperResolver hands the caller's settings and arrays,
 // once their shapes and dtypes are checked, to the C++ resolver, which must refuse whatever the
 // engines cannot take with a LibraryError (a Python exception), never crash. Settings of any
-// value, frames of arbitrary float bit patterns, raw counts and calibrations, in any order.
+// value (the sensor blur given or estimated from the first window), frames of arbitrary float bit
+// patterns, raw counts and calibrations, in any order.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
@@ -29,6 +30,7 @@ ResolverOptions makeOptions(FuzzedDataProvider& data, int width, int height) {
     options.validMaximum = data.ConsumeFloatingPoint<float>();
     options.reference = data.ConsumeIntegralInRange(-2, 6);
     options.psfSigma = data.ConsumeBool() ? 0.683f : data.ConsumeFloatingPoint<float>();
+    options.psfSigmaFromFrames = data.ConsumeBool();
     for (int count = data.ConsumeIntegralInRange(0, 4); count > 0; --count) {
         options.badPixels.emplace_back(data.ConsumeIntegralInRange(-2, width + 1),
                                        data.ConsumeIntegralInRange(-2, height + 1));
@@ -103,6 +105,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
                         if (resolver.copyLastPass(output.data(), &shifts, &masks) &&
                             resolver.framesAdded() < 5) {
                             __builtin_trap();  // no pass before a window of five frames
+                        }
+                        if (!(resolver.psfSigma() >= 0.0f)) {
+                            __builtin_trap();  // a checked sigma, or 0 while still to estimate
                         }
                         break;
                     }
