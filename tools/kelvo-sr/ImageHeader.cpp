@@ -70,8 +70,9 @@ std::optional<ImageHeader> bmpHeader(const std::string& head) {
 }
 
 // The words of a PNM header after its two-character magic: separated by white space, '#'
-// starting a comment to the end of the line. A word must end within the head, so that a number
-// is never read cut short.
+// starting a comment that a line feed or a carriage return ends (as for the decoder, which must
+// not find numbers that this reading skipped). A word must end within the head, so that a
+// number is never read cut short.
 class HeaderWords {
 public:
     explicit HeaderWords(const std::string& head) : head(head), position(2) {}
@@ -81,7 +82,7 @@ public:
             position < head.size() &&
             (std::isspace(static_cast<unsigned char>(head[position])) || head[position] == '#')) {
             if (head[position] == '#') {
-                position = std::min(head.find('\n', position), head.size());
+                position = std::min(head.find_first_of("\n\r", position), head.size());
             } else {
                 ++position;
             }

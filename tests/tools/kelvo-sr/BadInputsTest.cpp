@@ -106,6 +106,7 @@ void makeFiles(const fs::path& folder) {
                                                 26) +
                                         std::string(30, '\0'));
     writeBytes(folder / "huge.pgm", "P5\n# a comment\n70000 70000\n255\n");
+    writeBytes(folder / "hidden.pgm", "P5\n# a comment\r30000 30000 255\n4 4\n");
     // A TIFF of 80000 x 80000 8-bit pixels in one strip: its header, then a directory of five
     // entries (tag, type long, count 1, value) and no further directory.
     std::string hugeTiff = std::string("II*\0", 4) + littleEndian(8, 4) + littleEndian(5, 2);
