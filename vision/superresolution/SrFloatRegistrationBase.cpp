@@ -35,6 +35,28 @@ int roundHalfUpSaturated(float value, int limit) {
     return static_cast<int>(rounded);
 }
 
+// Gradients of one row: central differences (R[y+1] - R[y-1]) / 2 inside; on the
+// first and last row (borderRow) and column the one-sided difference, deliberately not
+// halved. `above` and `below` are the neighbouring rows, the row itself at the borders.
+KELVO_VECTOR_CLONES void gradientsOfRow(const float* row, const float* above, const float* below,
+                                        int width, bool borderRow, float* __restrict gx,
+                                        float* __restrict gy) {
+    if (borderRow) {
+        for (int x = 0; x < width; ++x) {
+            gy[x] = below[x] - above[x];
+        }
+    } else {
+        for (int x = 0; x < width; ++x) {
+            gy[x] = (below[x] - above[x]) * 0.5f;
+        }
+    }
+    gx[0] = row[1] - row[0];
+    for (int x = 1; x < width - 1; ++x) {
+        gx[x] = (row[x + 1] - row[x - 1]) * 0.5f;
+    }
+    gx[width - 1] = row[width - 1] - row[width - 2];
+}
+
 // Four floats and four doubles as vectors, for the lane-wise sums below.
 using FloatQuad = float __attribute__((vector_size(kLanes * sizeof(float))));
 using DoubleQuad = double __attribute__((vector_size(kLanes * sizeof(double))));
@@ -211,28 +233,11 @@ void SrFloatRegistrationBase::computeReferenceGradients(const float* reference) 
 }
 
 void SrFloatRegistrationBase::computeGradientImages(const float* reference) {
-    // Central differences (R[y+1] - R[y-1]) / 2 inside; on the first and last row
-    // and column the one-sided difference, deliberately not halved.
     for (int y = 0; y < height; ++y) {
-        const float* row = reference + y * width;
-        const float* above = reference + std::max(y - 1, 0) * width;
-        const float* below = reference + std::min(y + 1, height - 1) * width;
-        float* gy = refGradY.data() + y * width;
-        if (y == 0 || y == height - 1) {
-            for (int x = 0; x < width; ++x) {
-                gy[x] = below[x] - above[x];
-            }
-        } else {
-            for (int x = 0; x < width; ++x) {
-                gy[x] = (below[x] - above[x]) * 0.5f;
-            }
-        }
-        float* gx = refGradX.data() + y * width;
-        gx[0] = row[1] - row[0];
-        for (int x = 1; x < width - 1; ++x) {
-            gx[x] = (row[x + 1] - row[x - 1]) * 0.5f;
-        }
-        gx[width - 1] = row[width - 1] - row[width - 2];
+        gradientsOfRow(reference + y * width, reference + std::max(y - 1, 0) * width,
+                       reference + std::min(y + 1, height - 1) * width, width,
+                       y == 0 || y == height - 1, refGradX.data() + y * width,
+                       refGradY.data() + y * width);
     }
 }
 

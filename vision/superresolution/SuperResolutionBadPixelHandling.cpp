@@ -7,6 +7,7 @@
 
 #include "platform/kelvo/Exception.h"
 #include "platform/kelvo/NeonLanes.h"
+#include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
 
@@ -71,7 +72,7 @@ bool anyNonZero(const unsigned char* codes, int count) {
 }
 
 // True when some value has bits 129 to 132, as every refilled marker has.
-bool anyRefilledMarkerCandidate(const float* values, int count) {
+KELVO_VECTOR_CLONES bool anyRefilledMarkerCandidate(const float* values, int count) {
     unsigned int any = 0;
     for (int i = 0; i < count; ++i) {
         any |= bitsOf(values[i]) - SuperResolutionBadPixelHandling::kMarkerMaximum <=
