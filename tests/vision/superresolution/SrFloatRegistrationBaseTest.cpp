@@ -19,7 +19,6 @@ using testing::makeShiftedFrame;
 // Opens the shared steps to the tests.
 class ExposedRegistration : public SrFloatRegistrationBase {
 public:
-    using SrFloatRegistrationBase::blurredErrorImage;
     using SrFloatRegistrationBase::computeReferenceGradients;
     using SrFloatRegistrationBase::errorImage;
     using SrFloatRegistrationBase::opticalFlow;
