@@ -690,6 +690,35 @@ TEST_F(KelvoSrTool, SequenceOrdersSkipsAndSplitsItsWindows) {
     expectFailure("sequence frames --start 5 --end 2", "--end 2 lies before --start 5.");
 }
 
+// How burst E registers depends on the frames before each window (two windows warn), so
+// engines that split the windows must still give each the serial result, byte for byte, and
+// so must a run that computes only every second window.
+TEST_F(KelvoSrTool, SequenceResultsDoNotDependOnJobsOrEvery) {
+    const fs::path burstFolder =
+        fs::path(KELVO_SHARED_DATA_DIR) / "hit-uav" / "bursts" / "E_1_60_60_00524-00532";
+    if (!fs::is_directory(burstFolder)) {
+        GTEST_SKIP() << "real frames not found at " << burstFolder;
+    }
+    const std::string input = shellQuoted(burstFolder.string());
+    const ToolRun serial = run("sequence " + input + " -o serial");
+    ASSERT_EQ(serial.exitCode, 2) << serial.output;
+    EXPECT_NE(serial.output.find("1 x a frame was displaced"), std::string::npos) << serial.output;
+    EXPECT_NE(serial.output.find("3 x at least half of a frame"), std::string::npos)
+        << serial.output;
+    ASSERT_EQ(run("sequence " + input + " -o parallel --jobs 2").exitCode, 2);
+    ASSERT_EQ(run("sequence " + input + " -o picked --jobs 2 --every 2").exitCode, 2);
+    for (int number = 525; number <= 529; ++number) {
+        const std::string name = "1_60_60_0_00" + std::to_string(number) + "_sr.tiff";
+        const std::string serialFile = fileText(path("serial") / name);
+        ASSERT_FALSE(serialFile.empty()) << name;
+        EXPECT_TRUE(fileText(path("parallel") / name) == serialFile) << name;
+        EXPECT_EQ(fs::exists(path("picked") / name), number % 2 == 1) << name;
+        if (number % 2 == 1) {
+            EXPECT_TRUE(fileText(path("picked") / name) == serialFile) << name;
+        }
+    }
+}
+
 TEST_F(KelvoSrTool, VersionAndExitCodesAreDocumented) {
     const ToolRun version = run("--version");
     EXPECT_EQ(version.exitCode, 0);
