@@ -9,9 +9,7 @@
 #include <iostream>
 #include <map>
 #include <numeric>
-#include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgproc.hpp>
-#include <opencv2/videoio.hpp>
 
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
@@ -19,6 +17,7 @@
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/kelvo-sr/RunReport.h"
+#include "tools/kelvo-sr/VideoFrameReader.h"
 #include "tools/simulator/ThermalPreview.h"
 
 namespace kelvo::tools {
@@ -105,23 +104,23 @@ public:
             }
             return;
         }
-        if (!fs::is_regular_file(input) || !openQuietly(input)) {
+        if (!fs::is_regular_file(input)) {
             throw std::runtime_error("Cannot read '" + input +
                                      "': neither a folder of frames nor a video file.");
         }
-        for (int skipped = 0; skipped < options.start && video.grab(); ++skipped) {
+        video = std::make_unique<VideoFrameReader>(input);
+        cv::Mat unused;
+        for (int skipped = 0; skipped < options.start && video->read(unused); ++skipped) {
         }
     }
 
     // Number of frames to read, or -1 when a video does not tell.
     int count() const {
-        const double total =
-            files.empty() ? video.get(cv::CAP_PROP_FRAME_COUNT) : static_cast<double>(files.size());
+        const int total = files.empty() ? video->frameCount() : static_cast<int>(files.size());
         if (total <= 0) {
             return -1;
         }
-        const int last = end >= 0 ? std::min<int>(end, static_cast<int>(total) - 1)
-                                  : static_cast<int>(total) - 1;
+        const int last = end >= 0 ? std::min(end, total - 1) : total - 1;
         return std::max(0, last - position + 1);
     }
 
@@ -131,13 +130,20 @@ public:
               int* storedDepth = nullptr) {
         while (end < 0 || position <= end) {
             if (files.empty()) {
-                cv::Mat image;
-                if (!video.read(image) || image.empty()) {
-                    return false;
-                }
                 char name[32];
                 std::snprintf(name, sizeof(name), "frame_%06d", position++);
                 frame.name = name;
+                cv::Mat image;
+                try {
+                    if (!video->read(image)) {
+                        return false;
+                    }
+                } catch (const std::runtime_error& error) {
+                    std::cerr << "warning: skipped " << frame.name << ": " << error.what()
+                              << std::endl;
+                    skipped.emplace_back(frame.name, error.what());
+                    continue;
+                }
                 frame.image = toSingleChannelFrame(image, name);
                 if (storedDepth != nullptr) {
                     *storedDepth = image.depth();
@@ -160,19 +166,9 @@ public:
     }
 
 private:
-    // Each video back end that fails to open the file logs its own exception; the one message
-    // below says what matters.
-    bool openQuietly(const std::string& input) {
-        const auto level = cv::utils::logging::getLogLevel();
-        cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
-        const bool opened = video.open(input);
-        cv::utils::logging::setLogLevel(level);
-        return opened;
-    }
-
     const RawFormat* rawFormat;
     std::vector<std::string> files;
-    cv::VideoCapture video;
+    std::unique_ptr<VideoFrameReader> video;
     int position;
     int end;
 };
