@@ -11,7 +11,7 @@ extern "C" {
 #include <cmath>
 #include <iostream>
 #include <stdexcept>
-#include <vector>
+#include <utility>
 
 namespace kelvo::tools {
 
