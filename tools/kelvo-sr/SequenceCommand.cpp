@@ -87,8 +87,7 @@ struct NamedFrame {
 class FrameSequence {
 public:
     FrameSequence(const SequenceOptions& options, const RawFormat* rawFormat)
-        : rawFormat(rawFormat), position(options.start), end(options.end) {
-        const std::string& input = options.input;
+        : input(options.input), rawFormat(rawFormat), position(options.start), end(options.end) {
         if (fs::is_directory(input)) {
             for (const auto& entry : fs::directory_iterator(input)) {
                 if (entry.is_regular_file() && isFrameFile(entry.path())) {
@@ -144,7 +143,7 @@ public:
                     skipped.emplace_back(frame.name, error.what());
                     continue;
                 }
-                frame.image = toSingleChannelFrame(image, name);
+                frame.image = toSingleChannelFrame(image, input + " (" + name + ")");
                 if (storedDepth != nullptr) {
                     *storedDepth = image.depth();
                 }
@@ -166,6 +165,7 @@ public:
     }
 
 private:
+    const std::string input;
     const RawFormat* rawFormat;
     std::vector<std::string> files;
     std::unique_ptr<VideoFrameReader> video;

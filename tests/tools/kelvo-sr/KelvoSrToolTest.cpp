@@ -725,8 +725,8 @@ TEST_F(KelvoSrTool, SequenceResultsDoNotDependOnJobsOrEvery) {
     }
 }
 
-// Writes grey frames (all CV_8U or all CV_16U) as a lossless FFV1 video, as a thermal camera
-// records gray or gray16le.
+// Writes frames as a lossless FFV1 video: grey (CV_8U or CV_16U), as a thermal camera records
+// gray or gray16le, or colour (CV_8UC4, stored as bgr0).
 void writeGreyVideo(const fs::path& path, const std::vector<cv::Mat>& frames) {
     av_log_set_level(AV_LOG_ERROR);
     AVFormatContext* format = nullptr;
@@ -737,7 +737,9 @@ void writeGreyVideo(const fs::path& path, const std::vector<cv::Mat>& frames) {
     AVCodecContext* codec = avcodec_alloc_context3(encoder);
     codec->width = frames[0].cols;
     codec->height = frames[0].rows;
-    codec->pix_fmt = frames[0].depth() == CV_16U ? AV_PIX_FMT_GRAY16LE : AV_PIX_FMT_GRAY8;
+    codec->pix_fmt = frames[0].channels() == 4     ? AV_PIX_FMT_BGR0
+                     : frames[0].depth() == CV_16U ? AV_PIX_FMT_GRAY16LE
+                                                   : AV_PIX_FMT_GRAY8;
     codec->time_base = {1, 30};
     if (format->oformat->flags & AVFMT_GLOBALHEADER) {
         codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
@@ -777,9 +779,9 @@ void writeGreyVideo(const fs::path& path, const std::vector<cv::Mat>& frames) {
     avformat_free_context(format);
 }
 
-// A 16-bit grey video keeps its counts from the file to the result; an 8-bit one reads as 8
-// bits; a file that is no video is named.
-TEST_F(KelvoSrTool, GreyVideoKeepsItsValues) {
+// A 16-bit grey video keeps its counts from the file to the result and an 8-bit one its bytes,
+// also when stored in a colour format; a palette and a file that is no video are refused.
+TEST_F(KelvoSrTool, VideoKeepsGreyValuesAndRefusesPalettes) {
     std::vector<cv::Mat_<unsigned short>> counts;
     writeBurst(6, "frame", &counts);
     std::vector<cv::Mat> frames(counts.begin(), counts.end());
@@ -810,6 +812,28 @@ TEST_F(KelvoSrTool, GreyVideoKeepsItsValues) {
     ASSERT_TRUE(bytes.read(image));
     EXPECT_EQ(image.type(), CV_8UC1);
     EXPECT_EQ(cv::norm(image, frames[0], cv::NORM_INF), 0.0);
+
+    // Colour frames are converted with a warning; grey ones keep their values, a palette is
+    // refused.
+    for (cv::Mat& frame : frames) {
+        cv::cvtColor(frame, frame, cv::COLOR_GRAY2BGRA);
+    }
+    writeGreyVideo(path("grey-in-colour.mkv"), frames);
+    const ToolRun converted = run("sequence grey-in-colour.mkv -o converted");
+    EXPECT_EQ(converted.exitCode, 0) << converted.output;
+    EXPECT_NE(converted.output.find("warning: 'grey-in-colour.mkv' stores its frames in a colour "
+                                    "format (bgr0): they are converted to grey"),
+              std::string::npos)
+        << converted.output;
+    ASSERT_EQ(run("sequence bytes.mkv -o bytes").exitCode, 0);
+    EXPECT_TRUE(fileText(path("converted/frame_000001_sr.tiff")) ==
+                fileText(path("bytes/frame_000001_sr.tiff")));
+    for (cv::Mat& frame : frames) {
+        frame.col(0).setTo(cv::Scalar(0, 0, 255, 0));
+    }
+    writeGreyVideo(path("palette.mkv"), frames);
+    expectFailure("sequence palette.mkv",
+                  "'palette.mkv (frame_000000)' is a colour picture: a colour palette maps");
 
     std::ofstream(path("noise.mkv")) << std::string(4096, 'x');
     expectFailure("sequence noise.mkv",
