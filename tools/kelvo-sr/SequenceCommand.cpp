@@ -306,7 +306,11 @@ int runSequence(const SequenceOptions& options) {
     EngineOptions engineOptions = options.engine;
     std::vector<std::size_t> openingWindow(opening.size());
     std::iota(openingWindow.begin(), openingWindow.end(), std::size_t{0});
-    resolvePsfSigma(engineOptions, opening, openingWindow);
+    std::vector<std::string> openingNames;
+    for (const NamedFrame& openingFrame : batch) {
+        openingNames.push_back(openingFrame.name);
+    }
+    resolvePsfSigma(engineOptions, opening, openingWindow, openingNames);
     const ThermalPreview::Range range = previewRange(options.look, opening);
     // One engine per job, all made before the jobs start.
     std::vector<WindowWorker> workers;
