@@ -57,6 +57,15 @@ int SuperResolution_setValidRange(int handle, float minimum, float maximum);
 
 int SuperResolution_getValidRange(int handle, float* minimum, float* maximum);
 
+/* ---- Frames without a pass ------------------------------------------------------------- */
+
+/* Takes a frame into the context's window like SuperResolution_addImage, with the same checks,
+   repairs and codes, but runs no pass. How a frame registers depends on the frames the context
+   took before it, so a host that wants the results of only some windows of a stream, or splits
+   a stream among contexts, loads the other frames with this and gets for each window the result
+   to the bit that a context given every frame with SuperResolution_addImage gives. */
+int SuperResolution_loadImage(int handle, const float* image);
+
 /* ---- Known defective pixels ------------------------------------------------------------- */
 
 /* Names the sensor's known defective pixels: count (x, y) pairs, x0, y0, x1, y1, ..., each inside
@@ -160,11 +169,11 @@ int SuperResolution_getErrorMessageSized(char* buffer, int size);
    sub-pixel shifts, registered against the context's reference frame) and writes it to *sigma in
    the units of SuperResolution_setPsfSigma, without setting it. The scene is taken to be as sharp
    as real thermal scenes are, so a scene that is blurred itself (defocus, fog) reads as more
-   sensor blur. Costs one registration of the frames and a few tens of milliseconds besides,
-   whatever the frame size; for a sequence, estimate once and set the value for every window.
-   Fails with SR_ERROR and a message when fewer than four frames are held, when they do not
-   register, or when they show too little structure or agree on too little fine detail
-   (compressed frames, moving objects). */
+   sensor blur. Costs one registration of the frames and about 0.1 s besides, whatever the frame
+   size; for a sequence, estimate once and set the value for every window. Fails with SR_ERROR
+   and a message saying why when fewer than four frames are held, when they do not register,
+   when a frame correlates poorly with the reference (another place, too little structure), or
+   when they agree on too little fine detail (compressed frames, moving objects). */
 int SuperResolution_estimatePsfSigma(int handle, float* sigma);
 
 #ifdef __cplusplus
