@@ -1,14 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Sequences on a local Dask cluster of two worker processes give the serial bytes."""
+"""Sequences on a local Dask cluster of two worker processes give the bytes of a serial run."""
+import glob
 import json
 import os
-import shutil
 
 import numpy as np
 import pytest
 
 import kelvo_superres as ksr
-from conftest import burst_paths
+from conftest import DATA
 
 distributed = pytest.importorskip("distributed")
 from kelvo_superres.dask import super_resolve_sequences  # noqa: E402
@@ -17,18 +17,22 @@ from kelvo_superres.dask import super_resolve_sequences  # noqa: E402
 def test_two_workers_write_the_serial_results(small_burst, tmp_path):
     flight = tmp_path / "flight.npy"
     np.save(flight, small_burst)
-    folder = tmp_path / "jpegs"  # a folder of image files, read as the tool reads them
-    folder.mkdir()
-    for path in burst_paths("B_1_60_30_00075-00083", 6):
-        shutil.copy(path, folder)
+    # Real frames whose windows warn, and whose results depend on frames before their window:
+    # each task must take the whole sequence up to its windows to give the serial bytes.
+    burst = os.path.join(DATA, "hit-uav", "bursts", "E_1_60_60_00524-00532")
+    frames = np.stack([ksr.read_frame(path) for path in sorted(glob.glob(os.path.join(burst, "*.jpg")))])
     serial = {"flight": list(ksr.sequence(small_burst, camera="625 FOV 25")),
-              "jpegs": list(ksr.sequence((ksr.read_frame(str(path)) for path in sorted(folder.iterdir())),
-                                         camera="625 FOV 25"))}
+              "E_1_60_60_00524-00532": list(ksr.sequence(frames, camera="625 FOV 25"))}
+    assert len(frames) == 9 and {"MASK_HALF_EMPTY", "LARGE_DISPLACEMENT"} <= \
+        {result.status.name for result in serial["E_1_60_60_00524-00532"]}
+    cut_out = [list(ksr.sequence(frames[end - 4:end + 1], camera="625 FOV 25"))[0].image.tobytes()
+               for end in range(4, 9)]
+    assert cut_out != [result.image.tobytes() for result in serial["E_1_60_60_00524-00532"]]
 
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, dashboard_address=None) as cluster, \
             distributed.Client(cluster) as client:
-        summaries = super_resolve_sequences([flight, folder], tmp_path / "out", client=client,
-                                            windows_per_task=1, camera="625 FOV 25")
+        summaries = super_resolve_sequences([flight, burst], tmp_path / "out", client=client,
+                                            windows_per_task=2, camera="625 FOV 25")
 
     for summary, name in zip(summaries, serial):
         written = json.loads((tmp_path / "out" / name / "summary.json").read_text())
@@ -39,6 +43,7 @@ def test_two_workers_write_the_serial_results(small_burst, tmp_path):
             image = np.load(tmp_path / "out" / name / window["result"])
             assert image.tobytes() == expected.image.tobytes()
             assert window["factor"] == expected.factor and window["status"] == expected.status.name
+            assert window["shifts"] == expected.shifts.tolist()
     with pytest.raises(ValueError, match="holds 3 frames: a result needs 5"):
         np.save(tmp_path / "short.npy", small_burst[:3])
         super_resolve_sequences([tmp_path / "short.npy"], tmp_path / "out")
