@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The resolver, whole bursts and sliding windows over recordings."""
 
+import dataclasses
 import enum
 import math
 import operator
@@ -387,9 +388,10 @@ def sequence(frames: Iterable, *, results_from=0, **options) -> Iterator[Result]
 def super_resolve(frames, **options) -> Result:
     """Super-resolves a burst: a (frames, rows, columns) array or a list of 2-D arrays.
 
-    At least five frames; the last five make the result, after the frames before them are
-    loaded without a pass: the bytes of a SuperResolver (or a C interface context) given every
-    frame, whose passes depend on all the frames before their window. Options are those of
+    At least five frames; the last five alone make the result, as with a SuperResolver given
+    only them (kelvo-sr burst too passes over the last five). A resolver given every frame may
+    differ, since its passes depend on all the frames before their window:
+    sequence(frames, results_from=len(frames) - 1) gives that result. Options are those of
     SuperResolver.
     """
     if isinstance(frames, np.ndarray) and frames.ndim != 3:
@@ -400,5 +402,5 @@ def super_resolve(frames, **options) -> Result:
     count = len(frames)
     if count < FRAMES_PER_RESULT:
         raise ValueError(f"a burst needs at least {FRAMES_PER_RESULT} frames, not {count}")
-    (result,) = sequence(frames, results_from=count - 1, **options)
-    return result
+    (result,) = sequence(frames[-FRAMES_PER_RESULT:], **options)
+    return dataclasses.replace(result, index=count - 1)

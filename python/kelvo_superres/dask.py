@@ -72,7 +72,8 @@ def _frames(collection, last):
 def run_chunk(path, first, last, folder, options):
     """Writes the results of the windows whose newest frame is first..last - 1, after loading
     the frames before them; returns their summaries. A window whose registration failed has no
-    result of its own (a serial run repeats the one before): it is summarised, not written.
+    result or shifts of its own (a serial run repeats those of the pass before, which a task
+    may not have run): it is summarised, not written.
     """
     collection = sequence_frames(path)
     os.makedirs(folder, exist_ok=True)
@@ -87,7 +88,7 @@ def run_chunk(path, first, last, folder, options):
             "status": result.status.name,
             "frame_status": result.frame_status.name,
             "factor": result.factor,
-            "shifts": result.shifts.tolist(),
+            "shifts": result.shifts.tolist() if written else None,
         })
     return windows
 
@@ -124,7 +125,8 @@ def super_resolve_sequences(paths, output, *, client=None, windows_per_task=64, 
     (about 1.6 ms per 640x512 frame, plus reading it), so the loading grows with the square
     of a sequence's length over windows_per_task (see the module's description). Options are
     those of kelvo_superres.SuperResolver. Every result is the bytes of a serial run, warning
-    windows included; one whose registration failed is summarised with "result": null.
+    windows included; one whose registration failed is summarised with "result" and "shifts"
+    null.
     Returns the summaries, in the order of the paths.
     """
     import dask

@@ -15,13 +15,17 @@ from kelvo_superres.dask import super_resolve_sequences  # noqa: E402
 
 
 def test_two_workers_write_the_serial_results(small_burst, tmp_path):
+    # Two frames of noise: the window they end matches nothing and has no result of its own
+    # (serially it repeats the one before, which a task starting there never computed).
+    noisy = small_burst.copy()
+    noisy[[5, 6]] = np.random.default_rng(1).uniform(0.0, 255.0, (2, 80, 96))
     flight = tmp_path / "flight.npy"
-    np.save(flight, small_burst)
+    np.save(flight, noisy)
     # Real frames whose windows warn, and whose results depend on frames before their window:
     # each task must take the whole sequence up to its windows to give the serial bytes.
     burst = os.path.join(DATA, "hit-uav", "bursts", "E_1_60_60_00524-00532")
     frames = np.stack([ksr.read_frame(path) for path in sorted(glob.glob(os.path.join(burst, "*.jpg")))])
-    serial = {"flight": list(ksr.sequence(small_burst, camera="625 FOV 25")),
+    serial = {"flight": list(ksr.sequence(noisy, camera="625 FOV 25")),
               "E_1_60_60_00524-00532": list(ksr.sequence(frames, camera="625 FOV 25"))}
     assert len(frames) == 9 and {"MASK_HALF_EMPTY", "LARGE_DISPLACEMENT"} <= \
         {result.status.name for result in serial["E_1_60_60_00524-00532"]}
@@ -32,7 +36,7 @@ def test_two_workers_write_the_serial_results(small_burst, tmp_path):
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, dashboard_address=None) as cluster, \
             distributed.Client(cluster) as client:
         summaries = super_resolve_sequences([flight, burst], tmp_path / "out", client=client,
-                                            windows_per_task=2, camera="625 FOV 25")
+                                            windows_per_task=1, camera="625 FOV 25")
 
     for summary, name in zip(summaries, serial):
         written = json.loads((tmp_path / "out" / name / "summary.json").read_text())
@@ -40,10 +44,16 @@ def test_two_workers_write_the_serial_results(small_burst, tmp_path):
         assert [window["index"] for window in written["windows"]] == [r.index for r in serial[name]]
         assert written["results"] == len(serial[name]) and written["options"] == {"camera": "625 FOV 25"}
         for window, expected in zip(written["windows"], serial[name]):
+            assert window["factor"] == expected.factor and window["status"] == expected.status.name
+            if expected.status == ksr.Status.REGISTRATION_FAILED:
+                assert window["result"] is None and window["shifts"] is None
+                continue
+            assert window["shifts"] == expected.shifts.tolist()
             image = np.load(tmp_path / "out" / name / window["result"])
             assert image.tobytes() == expected.image.tobytes()
-            assert window["factor"] == expected.factor and window["status"] == expected.status.name
-            assert window["shifts"] == expected.shifts.tolist()
+    assert [window["status"] for window in summaries[0]["windows"]][1] == "REGISTRATION_FAILED"
+    assert sorted(os.listdir(tmp_path / "out" / "flight")) == \
+        ["result_00004.npy", "result_00006.npy", "summary.json"]
     with pytest.raises(ValueError, match="holds 3 frames: a result needs 5"):
         np.save(tmp_path / "short.npy", small_burst[:3])
         super_resolve_sequences([tmp_path / "short.npy"], tmp_path / "out")

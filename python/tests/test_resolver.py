@@ -112,7 +112,6 @@ def test_the_four_lane_engine_gives_the_float_engine_bytes_on_finite_frames(smal
 def test_sequence_yields_every_window(small_burst):
     results = list(ksr.sequence(iter(small_burst)))
     assert [result.index for result in results] == [4, 5, 6]
-    assert results[-1].image.tobytes() == ksr.super_resolve(small_burst).image.tobytes()
     assert results[0].image.tobytes() == ksr.super_resolve(small_burst[:5]).image.tobytes()
 
 
