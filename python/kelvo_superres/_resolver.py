@@ -274,7 +274,7 @@ class SuperResolver:
 
     def load(self, frame) -> Status:
         """Takes a (height, width) frame into the window as add does, with the same checks and
-        repairs, but runs no pass: about 1.3 ms for 640x512 against some 50 ms with one.
+        repairs, but runs no pass: about 1.6 ms for 640x512 against some 50 ms with one.
 
         How a window's frames register depends on every frame taken before them, however long
         ago: corner tracking converts each frame to 8 bits over a range that changes only when
