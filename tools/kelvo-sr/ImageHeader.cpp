@@ -69,18 +69,19 @@ std::optional<ImageHeader> bmpHeader(const std::string& head) {
     return claimed("BMP", width, height < 0 ? -height : height);
 }
 
-// The words of a PNM header after its two-character magic: separated by white space, '#'
-// starting a comment that a line feed or a carriage return ends (as for the decoder, which must
-// not find numbers that this reading skipped). A word must end within the head, so that a
-// number is never read cut short.
+// The words of a PNM header after its two-character magic: separated by white space, and where
+// the format has comments, '#' starting one that a line feed or a carriage return ends. The
+// reading follows the decoder's, which must not find numbers that this reading skipped. A word
+// must end within the head, so that a number is never read cut short.
 class HeaderWords {
 public:
-    explicit HeaderWords(const std::string& head) : head(head), position(2) {}
+    HeaderWords(const std::string& head, bool comments)
+        : head(head), comments(comments), position(2) {}
 
     std::optional<std::string> next() {
-        while (
-            position < head.size() &&
-            (std::isspace(static_cast<unsigned char>(head[position])) || head[position] == '#')) {
+        while (position < head.size() &&
+               (std::isspace(static_cast<unsigned char>(head[position])) ||
+                (comments && head[position] == '#'))) {
             if (head[position] == '#') {
                 position = std::min(head.find_first_of("\n\r", position), head.size());
             } else {
@@ -115,22 +116,32 @@ public:
 
 private:
     const std::string& head;
+    const bool comments;
     std::size_t position;
 };
 
-// PBM, PGM, PPM ("P1" to "P6") and PFM ("PF", "Pf") give width and height first; PAM ("P7")
-// names them on WIDTH and HEIGHT lines before ENDHDR.
+// A PAM keyword as the decoder compares it: without case, up to a NUL character.
+std::string keyword(const std::string& word) {
+    std::string key = word.substr(0, word.find('\0'));
+    std::transform(key.begin(), key.end(), key.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return key;
+}
+
+// PBM, PGM, PPM ("P1" to "P6") and PFM ("PF", "Pf", without comments) give width and height
+// first; PAM ("P7") names them on WIDTH and HEIGHT lines before ENDHDR, the last naming counting.
 std::optional<ImageHeader> pnmHeader(const std::string& head) {
-    HeaderWords words(head);
+    const bool floatMap = head[1] == 'F' || head[1] == 'f';
+    HeaderWords words(head, !floatMap);
     std::optional<uint64_t> width, height;
     if (head[1] != '7') {
         width = words.nextNumber();
         height = words.nextNumber();
     } else {
-        for (auto word = words.next(); word && *word != "ENDHDR"; word = words.next()) {
-            if (*word == "WIDTH") {
+        for (auto word = words.next(); word && keyword(*word) != "ENDHDR"; word = words.next()) {
+            if (keyword(*word) == "WIDTH") {
                 width = words.nextNumber();
-            } else if (*word == "HEIGHT") {
+            } else if (keyword(*word) == "HEIGHT") {
                 height = words.nextNumber();
             }
         }

@@ -107,6 +107,9 @@ void makeFiles(const fs::path& folder) {
                                         std::string(30, '\0'));
     writeBytes(folder / "huge.pgm", "P5\n# a comment\n70000 70000\n255\n");
     writeBytes(folder / "hidden.pgm", "P5\n# a comment\r30000 30000 255\n4 4\n");
+    writeBytes(folder / "hidden.pam",
+               "P7\nWIDTH 4\nHEIGHT 4\nwidth 30000\nheight 30000\nDEPTH 1\n"
+               "MAXVAL 255\nENDHDR\n");
     // A TIFF of 80000 x 80000 8-bit pixels in one strip: its header, then a directory of five
     // entries (tag, type long, count 1, value) and no further directory.
     std::string hugeTiff = std::string("II*\0", 4) + littleEndian(8, 4) + littleEndian(5, 2);
