@@ -32,10 +32,31 @@ void updateThenSum(int begin, int end, Update update, Sum sum) {
     }
 }
 
+// The element-wise loops of conjugate gradients, each a function of its own: loops
+// in lambdas would be built for the baseline instruction set only.
 // p[i] = beta p[i] + r[i] for i in [begin, end)
 KELVO_VECTOR_CLONES void scaleAndAdd(float beta, const float* r, int begin, int end, float* p) {
     for (int i = begin; i < end; ++i) {
         p[i] = beta * p[i] + r[i];
+    }
+}
+
+// r[i] = b[i] - r[i] and p[i] = r[i] for i in [begin, end): the first residual of a
+// restart is also its first direction.
+KELVO_VECTOR_CLONES void residualAndDirection(const float* b, int begin, int end,
+                                              float* __restrict r, float* __restrict p) {
+    for (int i = begin; i < end; ++i) {
+        r[i] = b[i] - r[i];
+        p[i] = r[i];
+    }
+}
+
+// x[i] += alpha p[i] and r[i] -= alpha ap[i] for i in [begin, end)
+KELVO_VECTOR_CLONES void stepAlong(float alpha, const float* p, const float* ap, int begin, int end,
+                                   float* __restrict x, float* __restrict r) {
+    for (int i = begin; i < end; ++i) {
+        x[i] += alpha * p[i];
+        r[i] -= alpha * ap[i];
     }
 }
 
@@ -224,6 +245,7 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
 KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, char** masks,
                                                                 int maxIter) {
     float* r = residual.data();
+    float* p = direction.data();
     const float* b = rhs.data();
     LaneSum norm;
     // The TV weights of each band are computed from the estimate just before the
@@ -231,11 +253,7 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
     gradient(
         estimate.data(), numFrames, masks, r,
         [&](int begin, int end) { computeL(begin / fullWidth, end / fullWidth); },
-        [&](int begin, int end) {
-            for (int i = begin; i < end; ++i) {
-                r[i] = b[i] - r[i];
-            }
-        },
+        [&](int begin, int end) { residualAndDirection(b, begin, end, r, p); },
         [&](int begin, int end) {
             norm.add(begin, end, [&](int i) { return static_cast<double>(r[i] * r[i]); });
         });
@@ -252,9 +270,9 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
 }
 
 // One step of conjugate gradients. The new direction p = beta p + r of the previous
-// step (p = r in the first step of a restart) is formed row by row just before the
-// operator reads it, which spares one pass over the image; a step that converges
-// leaves it unformed, as nothing reads it any more.
+// step is formed row by row just before the operator reads it, which spares one pass
+// over the image; a step that converges leaves it unformed, as nothing reads it any
+// more. The first step of a restart finds p = r formed with the residual.
 KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
     float* x = estimate.data();
     float* r = residual.data();
@@ -265,9 +283,7 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     gradient(
         p, numFrames, masks, ap,
         [&](int begin, int end) {
-            if (index == 0) {
-                std::copy(r + begin, r + end, p + begin);
-            } else {
+            if (index > 0) {
                 scaleAndAdd(beta, r, begin, end, p);
             }
         },
@@ -277,16 +293,11 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
         });
     const float alpha = static_cast<float>(residualNorm2 / pAp.total());
     LaneSum norm;
-    updateThenSumAll(
-        [&](int first, int last) {
-            for (int i = first; i < last; ++i) {
-                x[i] += alpha * p[i];
-                r[i] -= alpha * ap[i];
-            }
-        },
-        [&](int first, int last) {
-            norm.add(first, last, [&](int i) { return static_cast<double>(r[i] * r[i]); });
-        });
+    updateThenSumAll([&](int first, int last) { stepAlong(alpha, p, ap, first, last, x, r); },
+                     [&](int first, int last) {
+                         norm.add(first, last,
+                                  [&](int i) { return static_cast<double>(r[i] * r[i]); });
+                     });
     const double newNorm2 = norm.total();
     if (static_cast<double>(relRes * relRes) > static_cast<double>(invRhsNorm2) * newNorm2) {
         return true;
