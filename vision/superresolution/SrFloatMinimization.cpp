@@ -338,13 +338,13 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames,
             const int lowResEnd = std::min((end + 1) / 2, lrHeight);
             convolutionOf(stripe).validCorrToSparse(numFrames, in, psfXTable.data(),
                                                     psfYTable.data(), lowResTable.data(),
-                                                    lowResBegin, lowResEnd);
+                                                    lowResBegin, lowResEnd, masks);
         });
         forEachBand([&](int stripe, int first, int end) {
             applyStencil(in, first * fullWidth, end * fullWidth, out);
             convolutionOf(stripe).accumulateFullConvFromSparse(numFrames, lowResTable.data(),
                                                                psfXTable.data(), psfYTable.data(),
-                                                               masks, out, first, end);
+                                                               nullptr, out, first, end);
             finishRows(first * fullWidth, end * fullWidth);
         });
         sumRows(0, fullSize);
@@ -364,11 +364,11 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames,
             prepared = rowsRead;
         }
         convolution.validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
-                                      lowResTable.data(), lowResDone, lowResNeeded);
+                                      lowResTable.data(), lowResDone, lowResNeeded, masks);
         lowResDone = std::max(lowResDone, lowResNeeded);
         applyStencil(in, first * fullWidth, end * fullWidth, out);
         convolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
-                                                 psfYTable.data(), masks, out, first, end);
+                                                 psfYTable.data(), nullptr, out, first, end);
         updateThenSum(first * fullWidth, end * fullWidth, finishRows, sumRows);
     }
 }
