@@ -160,11 +160,11 @@ int SuperResolution_getErrorMessageSized(char* buffer, int size);
    sub-pixel shifts, registered against the context's reference frame) and writes it to *sigma in
    the units of SuperResolution_setPsfSigma, without setting it. The scene is taken to be as sharp
    as real thermal scenes are, so a scene that is blurred itself (defocus, fog) reads as more
-   sensor blur. Costs one registration of the frames and a few tens of milliseconds besides,
-   whatever the frame size; for a sequence, estimate once and set the value for every window.
-   Fails with SR_ERROR and a message when fewer than four frames are held, when they do not
-   register, or when they show too little structure or agree on too little fine detail
-   (compressed frames, moving objects). */
+   sensor blur. Costs one registration of the frames and about 0.1 s besides, whatever the frame
+   size; for a sequence, estimate once and set the value for every window. Fails with SR_ERROR
+   and a message saying why when fewer than four frames are held, when they do not register,
+   when a frame correlates poorly with the reference (another place, too little structure), or
+   when they agree on too little fine detail (compressed frames, moving objects). */
 int SuperResolution_estimatePsfSigma(int handle, float* sigma);
 
 #ifdef __cplusplus

@@ -9,6 +9,7 @@ twice as wide and twice as high::
     result = ksr.super_resolve(frames)          # (5, H, W) array or a list of (H, W) arrays
     result.image                                # (2H, 2W) float32
     result.shifts, result.masks, result.factor  # what the pass found
+    ksr.super_resolve(frames, psf_sigma="auto")  # the sensor blur estimated from the frames
 
 `SuperResolver` takes frames one by one as a camera delivers them; `sequence` runs a sliding
 window over a recording; `find_bad_pixels` and `repair_bad_pixels` work on 16-bit raw images;

@@ -3,7 +3,9 @@
 
 import dataclasses
 import enum
+import math
 import operator
+import warnings
 from dataclasses import dataclass
 from typing import Iterable, Iterator, Optional
 
@@ -46,6 +48,7 @@ class Result:
     status: the pass's Status (OK, LARGE_DISPLACEMENT, MASK_HALF_EMPTY or REGISTRATION_FAILED).
     frame_status: what `SuperResolver.add` returned for the newest frame.
     index: position of the newest frame of the window in the frames given (0-based).
+    psf_sigma: the sensor blur the pass used (the estimate with psf_sigma="auto").
     """
 
     image: np.ndarray
@@ -55,6 +58,7 @@ class Result:
     status: Status
     frame_status: Status
     index: int
+    psf_sigma: Optional[float] = None
 
 
 def _counts(name, counts):
@@ -101,6 +105,23 @@ def _integer(name, value):
         raise TypeError(f"{name} must be an integer, not {type(value).__name__}") from None
 
 
+def _estimated_psf_sigma(psf_sigma):
+    """True for "auto"; None or a positive finite number give False; anything else raises."""
+    if isinstance(psf_sigma, str):
+        if psf_sigma == "auto":
+            return True
+    elif psf_sigma is None:
+        return False
+    else:
+        try:
+            number = float(psf_sigma)
+        except (TypeError, ValueError):
+            number = math.nan
+        if math.isfinite(number) and number > 0.0:
+            return False
+    raise ValueError(f"psf_sigma must be a positive number or 'auto', not {psf_sigma!r}")
+
+
 def _bad_pixel_positions(bad_pixels):
     if bad_pixels is None:
         return []
@@ -123,7 +144,11 @@ class SuperResolver:
 
     width, height: the frame size in pixels; frames are (height, width) arrays.
     camera: a camera and lens description such as "625 FOV 25", which sets the sensor blur.
-    psf_sigma: the sensor blur (standard deviation of its Gaussian) directly; not with camera.
+    psf_sigma: the sensor blur (standard deviation of its Gaussian) directly, not with camera;
+        or "auto": estimated once from the first five frames, before their pass, and kept for
+        every later pass. Frames that do not allow an estimate (too little structure, too
+        little agreement on fine detail) give a RuntimeWarning saying why, and the camera's
+        blur (with camera) or the default stays.
     reference: the reference frame, counted back from the newest (0..4).
     values: "temperature" (valid pixels in -274..5000) or "counts" (raw sensor counts, valid
         in -32768..32767); pixels outside are repaired as defective.
@@ -148,15 +173,19 @@ class SuperResolver:
                  threads=1, timings=False, calibration=None):
         width = _integer("width", width)
         height = _integer("height", height)
-        if camera is not None and psf_sigma is not None:
+        from_frames = _estimated_psf_sigma(psf_sigma)
+        if camera is not None and psf_sigma is not None and not from_frames:
             raise ValueError("give the camera or the psf_sigma, not both")
         if camera is not None:
             if not isinstance(camera, str):
                 raise TypeError(f"camera must be a text such as '625 FOV 25', "
                                 f"not {type(camera).__name__}")
             psf_sigma = _core._psf_sigma_of_camera(camera)
-        elif psf_sigma is None:
+        elif psf_sigma is None or from_frames:
             psf_sigma = _core._psf_sigma_of_camera("")
+        if from_frames and calibration is not None:
+            raise ValueError("psf_sigma='auto' estimates from the frames given to add, not from "
+                             "counts: give the reference engine's calibration a number")
         if values not in VALUES:
             raise ValueError(f"values must be one of {VALUES}, not {values!r}")
         if engine not in ENGINES:
@@ -174,9 +203,11 @@ class SuperResolver:
         self._engine = _core._Resolver(width, height, engine,
                                        values == "counts", valid_range,
                                        _integer("reference", reference), float(psf_sigma),
+                                       from_frames,
                                        _bad_pixel_positions(bad_pixels),
                                        _integer("threads", threads), bool(timings))
-        self.psf_sigma = float(psf_sigma)
+        self._from_frames = from_frames
+        self._warned_of_psf_sigma = False
         self._calibrated = calibration is not None
         if calibration is not None:
             self._engine.set_calibration(calibration.counts_a, calibration.radiance_a,
@@ -238,7 +269,25 @@ class SuperResolver:
         returns: OK, BAD_PIXELS, MASK_HALF_EMPTY or LOW_STRUCTURE. A frame the library cannot
         repair (too many NaN or infinite pixels) raises Error and is not added.
         """
-        return Status(self._engine.add(frame))
+        status = Status(self._engine.add(frame))
+        refusal = self._engine.psf_sigma_refusal
+        if refusal and not self._warned_of_psf_sigma:
+            self._warned_of_psf_sigma = True
+            warnings.warn(f"psf_sigma='auto': {refusal} The passes keep the sensor blur "
+                          f"{self.psf_sigma:g}.", RuntimeWarning, stacklevel=2)
+        return status
+
+    @property
+    def psf_sigma(self) -> Optional[float]:
+        """The sensor blur the passes use; None while psf_sigma="auto" awaits the fifth frame."""
+        sigma = self._engine.psf_sigma
+        return sigma if sigma > 0.0 else None
+
+    @property
+    def psf_sigma_estimated(self) -> bool:
+        """Whether psf_sigma was estimated from the frames."""
+        return self._from_frames and self.psf_sigma is not None and \
+            not self._engine.psf_sigma_refusal
 
     @property
     def result(self) -> Optional[np.ndarray]:
@@ -273,7 +322,7 @@ class SuperResolver:
             raise _error(f"{self.frames_added} frames added: a result needs "
                          f"{FRAMES_PER_RESULT}", Status.TOO_FEW_FRAMES)
         return Result(self.result, self.shifts, self.masks, self.factor, self.status,
-                      Status(frame_status), index)
+                      Status(frame_status), index, self.psf_sigma)
 
 
 def _error(message, code):

@@ -110,8 +110,9 @@ void bindResolver(py::module_& module) {
                          "The engine behind SuperResolver; use that class instead.")
         .def(py::init([](int width, int height, const std::string& engine, bool counts,
                          std::optional<std::pair<float, float>> validRange, int reference,
-                         float psfSigma, const std::vector<std::pair<int, int>>& badPixels,
-                         int threads, bool timings) {
+                         float psfSigma, bool psfSigmaFromFrames,
+                         const std::vector<std::pair<int, int>>& badPixels, int threads,
+                         bool timings) {
                  ResolverOptions options;
                  options.engine = engine;
                  options.counts = counts;
@@ -122,6 +123,7 @@ void bindResolver(py::module_& module) {
                  }
                  options.reference = reference;
                  options.psfSigma = psfSigma;
+                 options.psfSigmaFromFrames = psfSigmaFromFrames;
                  for (const auto& [x, y] : badPixels) {
                      options.badPixels.emplace_back(x, y);
                  }
@@ -131,7 +133,8 @@ void bindResolver(py::module_& module) {
              }),
              py::arg("width"), py::arg("height"), py::arg("engine"), py::arg("counts"),
              py::arg("valid_range"), py::arg("reference"), py::arg("psf_sigma"),
-             py::arg("bad_pixels"), py::arg("threads"), py::arg("timings"))
+             py::arg("psf_sigma_from_frames"), py::arg("bad_pixels"), py::arg("threads"),
+             py::arg("timings"))
         .def(
             "add",
             [](Resolver& resolver, py::handle frame) {
@@ -176,6 +179,8 @@ void bindResolver(py::module_& module) {
                                })
         .def_property_readonly("frames_added", &Resolver::framesAdded)
         .def_property_readonly("pass_result", &Resolver::passResult)
+        .def_property_readonly("psf_sigma", &Resolver::psfSigma)
+        .def_property_readonly("psf_sigma_refusal", &Resolver::psfSigmaRefusal)
         .def("result",
              [](const Resolver& resolver) -> py::object {
                  auto image = arrayOf<float>({resolver.outputHeight(), resolver.outputWidth()});

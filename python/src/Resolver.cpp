@@ -9,6 +9,7 @@
 #include "interface/SuperResolutionInterface.h"
 #include "platform/kelvo/Exception.h"
 #include "tools/kelvo-sr/QuietStandardOutput.h"
+#include "vision/superresolution/PsfSigmaEstimator.h"
 #include "vision/superresolution/SrFloat.h"
 #include "vision/superresolution/SrFloatNeon.h"
 #include "vision/superresolution/SrFloatNeonRegistration.h"
@@ -127,6 +128,7 @@ public:
     bool repairsDefects() const override { return !std::is_same_v<Engine, LanesEngine>; }
     float getMinStructureThreshold() const override { return engine.getMinStructureThreshold(); }
     int getStoredFrames() const override { return engine.getStoredFrames(); }
+    void setPsfSigma(float sigma) override { engine.setPsfSigma(sigma); }
 
 protected:
     Engine engine;
@@ -214,7 +216,11 @@ void EngineAdapter::getCalibrationMaps(cv::Mat_<float>&, cv::Mat_<float>&, cv::M
 }
 
 Resolver::Resolver(int width, int height, const ResolverOptions& options)
-    : frameSize(width, height) {
+    : frameSize(width, height),
+      // The pass's own choice of reference in a full window.
+      referencePosition(std::max(interface::contextWindowSize - options.reference - 1, 0)),
+      sigmaInUse(options.psfSigmaFromFrames ? 0.0f : options.psfSigma),
+      fallbackSigma(options.psfSigma) {
     engine = guarded([&] { return makeEngine(width, height, options); });
     guarded([&] {
         knownBadPixels.set(options.badPixels, frameSize);
@@ -248,6 +254,12 @@ int Resolver::add(const float* frame) {
     const int frameStatus = guarded([&] { return engine->addFrame(marked); });
     ++added;
     const bool passNow = added >= interface::contextWindowSize;
+    if (sigmaInUse == 0.0f) {
+        opening.push_back(screened.clone());
+        if (passNow) {
+            settlePsfSigma();
+        }
+    }
     if (passNow) {
         passRan = true;
         lastPass = guarded([&] { return engine->computeSR(result.data()); });
@@ -290,6 +302,28 @@ void Resolver::copyCalibrationMaps(cv::Mat_<float>& gain, cv::Mat_<float>& offse
         engine->getCalibrationMaps(gain, offset, radiance, quality);
         return 0;
     });
+}
+
+void Resolver::settlePsfSigma() {
+    try {
+        sigmaInUse = vision::PsfSigmaEstimator().estimate(opening, referencePosition);
+        engine->setPsfSigma(sigmaInUse);
+    } catch (const std::exception& error) {
+        sigmaRefusal = error.what();
+        sigmaInUse = fallbackSigma;
+    }
+    opening.clear();
+    opening.shrink_to_fit();
+}
+
+float Resolver::psfSigma() const {
+    std::lock_guard<std::mutex> hold(busy);
+    return sigmaInUse;
+}
+
+std::string Resolver::psfSigmaRefusal() const {
+    std::lock_guard<std::mutex> hold(busy);
+    return sigmaRefusal;
 }
 
 int Resolver::framesAdded() const {

@@ -33,6 +33,7 @@ public:
     // False for an engine without a bad-pixel stage, which takes finite frames only.
     virtual bool repairsDefects() const = 0;
     virtual int getStoredFrames() const = 0;
+    virtual void setPsfSigma(float sigma) = 0;
     // Radiance from raw counts, for engines calibrated with two points per pixel; the others
     // throw.
     virtual void setCalibration(const cv::Mat_<short>& countsA, const cv::Mat_<float>& radianceA,
@@ -52,6 +53,9 @@ struct ResolverOptions {
     float validMaximum = 0.0f;
     int reference = 3;
     float psfSigma = 0.683f;
+    // Estimate the sensor blur from the first window instead, once, before its pass; psfSigma
+    // stays in place when the frames do not allow it.
+    bool psfSigmaFromFrames = false;
     // Positions (x, y) of pixels known to be defective in every frame.
     std::vector<cv::Point> badPixels;
     bool timings = false;
@@ -94,12 +98,20 @@ public:
     int framesAdded() const;
     // The last pass's result: the quality factor estimate or a negative status.
     float passResult() const;
+    // The sensor blur the passes use; 0 while it is still to be estimated from the frames.
+    float psfSigma() const;
+    // Why the frames gave no estimate of the sensor blur; empty when they did or were not asked.
+    std::string psfSigmaRefusal() const;
     // Copies what the last pass left into the outputs given (outputWidth x outputHeight
     // floats; one shift and one mask per frame of the window); false before the first pass.
     bool copyLastPass(float* image, std::vector<cv::Point_<float>>* shifts,
                       std::vector<cv::Mat_<unsigned char>>* masks) const;
 
 private:
+    // Estimates the sensor blur from the opening window and gives it to the engine, or keeps
+    // the fallback and the reason.
+    void settlePsfSigma();
+
     cv::Size frameSize;
     std::unique_ptr<EngineAdapter> engine;
     // Written into every frame, as the C interface does with its known defective pixels.
@@ -109,6 +121,13 @@ private:
     vision::SuperResolutionBadPixelHandling screening{0};
     cv::Mat_<float> screened;
     std::vector<float> result;
+    // With the sensor blur estimated from the frames: the repaired frames of the first window,
+    // until its pass.
+    std::vector<cv::Mat_<float>> opening;
+    int referencePosition;
+    float sigmaInUse;
+    float fallbackSigma;
+    std::string sigmaRefusal;
     float lastPass = kNoPassYet;
     bool passRan = false;
     int added = 0;

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The resolver against the C interface and the tool, dtypes, failures and threads."""
 import ctypes
+import math
 import os
 import subprocess
 import threading
@@ -10,7 +11,7 @@ import numpy as np
 import pytest
 
 import kelvo_superres as ksr
-from conftest import burst_paths
+from conftest import DATA, burst_paths
 
 
 def c_interface_run(frames, configure=lambda library, handle: None):
@@ -155,8 +156,14 @@ def test_a_frame_the_library_cannot_repair_is_not_added(small_burst):
 
 @pytest.mark.parametrize("options, error, message", [
     (dict(reference=5), ksr.Error, "^Invalid reference index specified.$"),
-    (dict(psf_sigma=0.0), ksr.Error, "^Invalid standard deviation of the sensor psf specified.$"),
-    (dict(psf_sigma=float("nan")), ksr.Error, "standard deviation"),
+    (dict(psf_sigma=0.0), ValueError, "^psf_sigma must be a positive number or 'auto', not 0.0$"),
+    (dict(psf_sigma=-1), ValueError, "not -1$"),
+    (dict(psf_sigma=float("nan")), ValueError, "not nan$"),
+    (dict(psf_sigma=float("inf")), ValueError, "not inf$"),
+    (dict(psf_sigma="autox"), ValueError, "^psf_sigma must be a positive number or 'auto', not 'autox'$"),
+    (dict(psf_sigma=[1.0]), ValueError, r"not \[1.0\]$"),
+    (dict(engine="reference", psf_sigma="auto", calibration=ksr.RadianceCalibration(
+        *[np.zeros((80, 96), np.int16)] * 4)), ValueError, "^psf_sigma='auto' estimates from the frames"),
     (dict(width=4), ksr.Error, "^Invalid image size specified.$"),
     (dict(width=96.0), TypeError, "width must be an integer, not float"),
     (dict(camera="625 FOV 25", psf_sigma=0.5), ValueError, "not both"),
@@ -231,3 +238,49 @@ def test_a_pass_lets_other_python_threads_run(real_burst):
     enter, leave = window
     inside = [enter] + [tick for tick in ticks if enter < tick < leave] + [leave]
     assert max(np.diff(inside)) < 0.5 * (leave - enter)
+
+
+def blurred_still_burst(sigma, noise=0.5, seed=1):
+    """Five 160x128 frames of a real still blurred by a Gaussian of `sigma` high-resolution
+    pixels (integrated over each pixel, two taps either side of the sample), moved by whole
+    high-resolution pixels, decimated by two and made noisy: a burst with a known sensor blur."""
+    scene = ksr.read_frame(os.path.join(DATA, "hit-uav", "hr_stills", "0_120_40_0_05370.jpg"))
+    edges = np.arange(-2.0, 3.0) / (math.sqrt(2.0) * sigma)
+    taps = np.diff([math.erf(edge) for edge in edges])
+    taps /= taps.sum()
+    blurred = np.apply_along_axis(np.convolve, 1, scene.astype(float), taps, "same")
+    blurred = np.apply_along_axis(np.convolve, 0, blurred, taps, "same")
+    rng = np.random.default_rng(seed)
+    return np.stack([blurred[128 + dy:384 + dy:2, 160 + dx:480 + dx:2]
+                     + rng.normal(0.0, noise, (128, 160))
+                     for dx, dy in [(0, 0), (1, 0), (0, 1), (1, 1), (3, 2)]]).astype(np.float32)
+
+
+@pytest.mark.parametrize("sigma", [1.1, 1.7])
+def test_auto_psf_sigma_is_estimated_once_from_the_first_window(sigma):
+    burst = blurred_still_burst(sigma)
+    resolver = ksr.SuperResolver(160, 128, psf_sigma="auto")
+    for frame in burst[:4]:
+        resolver.add(frame)
+    assert resolver.psf_sigma is None and not resolver.psf_sigma_estimated
+    resolver.add(burst[4])
+    estimate = resolver.psf_sigma
+    assert resolver.psf_sigma_estimated and abs(estimate - sigma) <= 0.2 * sigma
+    assert resolver.result.tobytes() == ksr.super_resolve(burst, psf_sigma=estimate).image.tobytes()
+    # Later windows keep it, whatever they show.
+    resolver.add(burst[0])
+    assert resolver.psf_sigma == estimate
+    assert ksr.super_resolve(burst, psf_sigma="auto").psf_sigma == estimate
+
+
+def test_auto_psf_sigma_says_why_the_frames_give_none(small_burst):
+    # Crops of real frames, JPEG-compressed: their fine detail drowns in their disagreement.
+    with pytest.warns(RuntimeWarning, match=r"^psf_sigma='auto': The frames agree on detail only up "
+                      r"to 0\.\d+ cycles per result pixel \(0\.18 needed\), too little to estimate "
+                      r"the PSF sigma: finer detail is weaker than their disagreement of about "
+                      r"\d(\.\d)? \(root mean square, frame units\), from noise, compression or "
+                      r"motion the shifts do not describe\. The passes keep the sensor blur "
+                      r"0\.65\.$") as caught:
+        results = list(ksr.sequence(small_burst, psf_sigma="auto", camera="625 FOV 22"))
+    assert len(caught) == 1 and all(result.psf_sigma == np.float32(0.65) for result in results)
+    assert results[-1].image.tobytes() == ksr.super_resolve(small_burst, camera="625 FOV 22").image.tobytes()

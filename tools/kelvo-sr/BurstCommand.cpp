@@ -135,7 +135,7 @@ int runBurst(const BurstCommandOptions& options) {
     EngineOptions engine = options.engine;
     const std::vector<std::size_t> window =
         choosePassFrames(options, frames, engine.referenceIndex);
-    resolvePsfSigma(engine, frames, window);
+    resolvePsfSigma(engine, frames, window, options.frames);
     const auto resolver = makeFrameEngine(engine, frames, storedDepth);
     const FrameValues& values = resolver->values();
 

@@ -165,7 +165,8 @@ float chosenPsfSigma(const EngineOptions& options) {
 }
 
 void resolvePsfSigma(EngineOptions& options, const std::vector<cv::Mat_<float>>& frames,
-                     const std::vector<std::size_t>& window) {
+                     const std::vector<std::size_t>& window,
+                     const std::vector<std::string>& names) {
     if (options.psfSigma != "auto") {
         return;
     }
@@ -176,11 +177,18 @@ void resolvePsfSigma(EngineOptions& options, const std::vector<cv::Mat_<float>>&
     const int held = static_cast<int>(pass.size());
     const int reference = std::max(held - options.referenceIndex - 1, 0);
     float sigma = 0.0f;
+    std::string refusal;
     try {
         sigma = vision::PsfSigmaEstimator().estimate(pass, reference);
+    } catch (const vision::PsfSigmaEstimator::UnmatchedFrame& error) {
+        refusal = std::string(error.what()) + " Frame " + std::to_string(error.frame) + " is " +
+                  names[window[error.frame]] + ", the reference " + names[window[reference]] + ".";
     } catch (const std::exception& error) {
+        refusal = error.what();
+    }
+    if (!refusal.empty()) {
         options.psfSigma.clear();
-        std::cerr << "warning: --psf-sigma auto: " << error.what()
+        std::cerr << "warning: --psf-sigma auto: " << refusal
                   << " The sensor blur stays the camera's or the default." << std::endl;
         return;
     }

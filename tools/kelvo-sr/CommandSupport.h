@@ -59,8 +59,9 @@ float chosenPsfSigma(const EngineOptions& options);
 // With --psf-sigma auto, estimates the sensor blur from the frames of the pass (indices
 // into `frames`, oldest first, with options.referenceIndex counted back from the newest),
 // says so on standard output and puts the number into the options; when the frames do not
-// allow an estimate, warns on standard error and leaves the camera's or the default blur.
+// allow an estimate, warns on standard error (naming a frame unlike the others by its
+// entry in `names`, one per frame) and leaves the camera's or the default blur.
 void resolvePsfSigma(EngineOptions& options, const std::vector<cv::Mat_<float>>& frames,
-                     const std::vector<std::size_t>& window);
+                     const std::vector<std::size_t>& window, const std::vector<std::string>& names);
 
 }  // namespace kelvo::tools

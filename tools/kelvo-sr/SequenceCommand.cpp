@@ -193,7 +193,6 @@ void showProgress(int done, int total) {
     std::fflush(stderr);
 }
 
-
 // How every engine of the run is made: from the run's opening burst, which decides the
 // values and the known bad pixels once for all of them.
 struct EngineRecipe {
@@ -327,7 +326,11 @@ int runSequence(const SequenceOptions& options) {
     // With --psf-sigma auto, the opening burst's estimate serves every window.
     std::vector<std::size_t> openingWindow(recipe.opening.size());
     std::iota(openingWindow.begin(), openingWindow.end(), std::size_t{0});
-    resolvePsfSigma(recipe.options, recipe.opening, openingWindow);
+    std::vector<std::string> openingNames;
+    for (const NamedFrame& opening : batch) {
+        openingNames.push_back(opening.name);
+    }
+    resolvePsfSigma(recipe.options, recipe.opening, openingWindow, openingNames);
     {
         // Every job's engine gets a slot in the interface's table before the jobs start.
         std::vector<std::unique_ptr<FrameEngine>> reserved;

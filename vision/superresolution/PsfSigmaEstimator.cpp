@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vision/superresolution/PsfSigmaEstimator.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
+#include <iomanip>
 #include <limits>
 #include <numeric>
 #include <opencv2/imgproc.hpp>
@@ -33,6 +35,8 @@ constexpr double kHighest = 0.4;
 // would multiply the noise power of a component by more than this (four frames at
 // ideal shifts give 1/2 for each component, 2 for the trace taken).
 constexpr double kMaxNoiseGain = 40.0;
+// Registered frames of one scene correlate at least this well with the reference.
+constexpr double kMinCorrelation = 0.9;
 
 // The crop of the reference with the most gradient energy: the PSF shows itself at
 // edges, not in flat areas.
@@ -94,7 +98,9 @@ double kernelPower(const std::vector<float>& taps, double f) {
 struct Sample {
     int x, y, band;
     double power;
-    double noiseFactor;  // what the separation multiplies the noise variance by
+    // The noise share of the power: the fit's residual variance at the frame frequency
+    // times what the separation multiplies it by.
+    double noise;
 };
 
 // The separated spectrum of the blurred scene: its components, and the frequencies their
@@ -103,7 +109,8 @@ struct Components {
     std::vector<double> horizontal;  // 2 per crop column: the two aliases
     std::vector<double> vertical;    // 2 per crop row
     std::vector<Sample> samples;
-    double noiseVariance = 0.0;  // of one real component of a frame's spectrum
+    // Root mean square disagreement of the frames at fine scales, in frame units.
+    double disagreement = 0.0;
 };
 
 // Spectra of the crops under a Hann window, the mean removed so that the window's own
@@ -139,8 +146,7 @@ Components separateAliases(const std::vector<cv::Mat>& spectra,
     }
     const int rows = 2 * count;
     cv::Mat_<double> a(rows, 8), b(rows, 1), normal, inverse, z;
-    double residualSum = 0.0;
-    int solved = 0;
+    std::vector<double> residuals;
     for (int v = 0; v < size.height; ++v) {
         const double* fy = &components.vertical[2 * v];
         for (int u = 0; u < size.width; ++u) {
@@ -165,24 +171,34 @@ Components separateAliases(const std::vector<cv::Mat>& spectra,
                 continue;
             }
             z = inverse * (a.t() * b);
-            residualSum += cv::norm(b - a * z, cv::NORM_L2SQR);
-            ++solved;
+            // The residual, with 2N - 8 degrees of freedom, measures the noise at this
+            // frequency alone: the frames' disagreement is not white, since registration
+            // error and changes of gain leak the strong low frequencies into it. With four
+            // frames there is no residual, and the noise stays in the powers.
+            const double residual =
+                count > 4 ? cv::norm(b - a * z, cv::NORM_L2SQR) / (rows - 8) : 0.0;
+            residuals.push_back(residual);
             for (int j = 0; j < 4; ++j) {
                 const double f = std::hypot(fx[j % 2], fy[j / 2]);
                 const int band = static_cast<int>((f - kLowest) / (0.5 - kLowest) * kBands);
                 if (f >= kLowest && band < kBands && std::abs(fx[j % 2]) <= kHighest &&
                     std::abs(fy[j / 2]) <= kHighest) {
-                    components.samples.push_back({2 * u + j % 2, 2 * v + j / 2, band,
-                                                  z(j, 0) * z(j, 0) + z(j + 4, 0) * z(j + 4, 0),
-                                                  inverse(j, j) + inverse(j + 4, j + 4)});
+                    components.samples.push_back(
+                        {2 * u + j % 2, 2 * v + j / 2, band,
+                         z(j, 0) * z(j, 0) + z(j + 4, 0) * z(j + 4, 0),
+                         residual * (inverse(j, j) + inverse(j + 4, j + 4))});
                 }
             }
         }
     }
-    // The residual has 2N - 8 degrees of freedom per frequency; with four frames there
-    // are none, and the noise stays in the powers.
-    if (count > 4 && solved > 0) {
-        components.noiseVariance = residualSum / (static_cast<double>(solved) * (rows - 8));
+    // Most frame frequencies hold fine detail only: the median residual is the floor of
+    // the disagreement. A Hann window keeps (3/8)^2 of the noise power of each pixel, and
+    // each real part of the spectrum carries half of it.
+    if (!residuals.empty()) {
+        std::nth_element(residuals.begin(), residuals.begin() + residuals.size() / 2,
+                         residuals.end());
+        components.disagreement =
+            std::sqrt(2.0 * residuals[residuals.size() / 2] / (0.140625 * size.area()));
     }
     return components;
 }
@@ -257,6 +273,23 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
             "The PSF sigma needs at least four frames with a shift each and a reference.");
     }
     const cv::Rect crop = mostTexturedCrop(registered[referencePosition], settings.crop);
+    // A frame of another place (a cut, a frame torn by a fast move) would pass for detail
+    // the others lack. Registered frames of one scene correlate above 0.95 even when
+    // compressed; frames with too little structure for the estimate correlate poorly too.
+    for (int k = 0; k < count; ++k) {
+        cv::Mat_<float> correlation;
+        cv::matchTemplate(registered[k](crop), registered[referencePosition](crop), correlation,
+                          cv::TM_CCOEFF_NORMED);
+        if (!(correlation(0, 0) >= kMinCorrelation)) {
+            std::ostringstream text;
+            text.precision(2);
+            text << "Frame " << k << " of the " << count
+                 << " (oldest first, counted from 0) correlates only " << correlation(0, 0)
+                 << " with the reference: the PSF sigma needs frames of one scene with clear"
+                    " detail.";
+            throw UnmatchedFrame(k, text.str());
+        }
+    }
     const Components components =
         separateAliases(windowedSpectra(registered, crop), subPixelShifts, crop.size());
 
@@ -265,7 +298,7 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
     std::vector<int> members(kBands, 0);
     for (const Sample& sample : components.samples) {
         power[sample.band] += sample.power;
-        noise[sample.band] += components.noiseVariance * sample.noiseFactor;
+        noise[sample.band] += sample.noise;
         frequency[sample.band] +=
             std::hypot(components.horizontal[sample.x], components.vertical[sample.y]);
         ++members[sample.band];
@@ -278,6 +311,10 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
         if (members[band] >= 8 && entry.power > kSignalToNoise * entry.noise && entry.power > 0.0) {
             bandIndex[band] = static_cast<int>(spectrum.size());
             spectrum.push_back(entry);
+        } else if (!spectrum.empty()) {
+            // Detail fades with frequency: a band that stands out beyond the first one lost
+            // holds the leaked aliases of the strongest frequencies, not the scene.
+            break;
         }
     }
     if (spectrum.size() < 4) {
@@ -290,8 +327,14 @@ float PsfSigmaEstimator::estimateRegistered(const std::vector<cv::Mat_<float>>& 
     if (spectrum.back().frequency < kHighestNeeded) {
         std::ostringstream text;
         text.precision(2);
-        text << "The frames agree on detail only up to " << spectrum.back().frequency
-             << " cycles per result pixel, too little to estimate the PSF sigma.";
+        text << "The frames agree on detail only up to " << std::setprecision(3)
+             << spectrum.back().frequency << std::setprecision(2) << " cycles per result pixel ("
+             << kHighestNeeded
+             << " needed), too little to estimate the PSF sigma: finer detail"
+                " is weaker than their disagreement of about "
+             << components.disagreement
+             << " (root mean square, frame units), from noise, compression or motion the"
+                " shifts do not describe.";
         throw std::runtime_error(text.str());
     }
 

@@ -23,6 +23,43 @@ int checkedGeometry(int width, int height, float factor);
 // Throws "Invalid reference index specified." below 1; returns the window size.
 int checkedWindowSize(int windowSize);
 
+// The sizes every engine derives from its frame size, window and magnification, checked
+// once as the engine is made: the output is the input times the factor, truncated, and a
+// half spectrum has width / 2 + 1 columns.
+class EngineGeometry {
+public:
+    EngineGeometry(int width, int height, int windowSize, float factor)
+        : width(checkedGeometry(width, height, factor)),
+          height(height),
+          inputSize(width * height),
+          outputWidth(static_cast<int>(static_cast<float>(width) * factor)),
+          outputHeight(static_cast<int>(static_cast<float>(height) * factor)),
+          outputSize(outputWidth * outputHeight),
+          spectrumSize((width / 2 + 1) * height),
+          windowSize(checkedWindowSize(windowSize)),
+          factor(factor) {}
+
+    int getInputSize() const { return inputSize; }
+    int getOutputSize() const { return outputSize; }
+    int getWindowSize() const { return windowSize; }
+    int getWidth() const { return width; }
+    int getHeight() const { return height; }
+    int getOutputWidth() const { return outputWidth; }
+    int getOutputHeight() const { return outputHeight; }
+    int getSpectrumSize() const { return spectrumSize; }
+
+protected:
+    int width;
+    int height;
+    int inputSize;
+    int outputWidth;
+    int outputHeight;
+    int outputSize;
+    int spectrumSize;
+    int windowSize;
+    float factor;
+};
+
 // The parameter checks return the value when it is valid and otherwise throw the
 // message as a plain C string, which is what hosts of every engine catch.
 int checkedReferenceIndex(int index, int windowSize);
@@ -46,13 +83,28 @@ const T* checkedFrame(const T* frame) {
 float* slideWindow(std::vector<std::vector<float>>& frames, int& storedFrames, const float* frame,
                    int frameSize);
 
+// The fraction of a mask's pixels that are not usable (mask 0). Byte masks are counted in
+// integers; the four-lane engine's float masks (0 or 1) are summed like any float image.
+inline float emptyFraction(const char* mask, int size) {
+    const signed char* values = reinterpret_cast<const signed char*>(mask);
+    long long validSum = 0;
+    for (int p = 0; p < size; ++p) {
+        validSum += values[p];
+    }
+    return static_cast<float>(size - validSum) / static_cast<float>(size);
+}
+inline float emptyFraction(const float* mask, int size) {
+    const float pixels = static_cast<float>(size);
+    const cv::Mat_<float> values(1, size, const_cast<float*>(mask));
+    return (pixels - static_cast<float>(cv::sum(values)[0])) / pixels;
+}
+
 // The status of a registration's result: -6 when a displacement component exceeds a
 // tenth of the frame height (integer division), else -3 when a mask is at least half
 // empty, else 0. `shifts` are any points with float members x and y.
-template <class Point>
-int displacementAndMaskStatus(const Point* shifts, const char* const* masks, int count, int width,
+template <class Point, typename Mask>
+int displacementAndMaskStatus(const Point* shifts, const Mask* const* masks, int count, int width,
                               int height) {
-    const int inputSize = width * height;
     const float limit = static_cast<float>(height / 10);
     bool tooLarge = false;
     bool tooManyMasked = false;
@@ -60,14 +112,7 @@ int displacementAndMaskStatus(const Point* shifts, const char* const* masks, int
         if (std::fabs(shifts[i].x) > limit || std::fabs(shifts[i].y) > limit) {
             tooLarge = true;
         }
-        const signed char* mask = reinterpret_cast<const signed char*>(masks[i]);
-        long long validSum = 0;
-        for (int p = 0; p < inputSize; ++p) {
-            validSum += mask[p];
-        }
-        const float emptyFraction =
-            static_cast<float>(inputSize - validSum) / static_cast<float>(inputSize);
-        if (emptyFraction >= 0.5f) {
+        if (emptyFraction(masks[i], width * height) >= 0.5f) {
             tooManyMasked = true;
         }
     }

@@ -16,15 +16,7 @@ template <class Registration, class Minimization, typename Mask>
 SrFloatEngineBase<Registration, Minimization, Mask>::SrFloatEngineBase(int width, int height,
                                                                        int windowSize, float factor,
                                                                        int spareElements)
-    : width(checkedGeometry(width, height, factor)),
-      height(height),
-      inputSize(width * height),
-      outputWidth(static_cast<int>(static_cast<float>(width) * factor)),
-      outputHeight(static_cast<int>(static_cast<float>(height) * factor)),
-      outputSize(outputWidth * outputHeight),
-      spectrumSize((width / 2 + 1) * height),
-      windowSize(checkedWindowSize(windowSize)),
-      factor(factor),
+    : EngineGeometry(width, height, windowSize, factor),
       registration(width, height, windowSize),
       minimization(width, height, windowSize, factor),
       frames(windowSize, std::vector<float>(inputSize + spareElements, 0.0f)),
@@ -38,15 +30,7 @@ SrFloatEngineBase<Registration, Minimization, Mask>::SrFloatEngineBase(int width
 template <class Registration, class Minimization, typename Mask>
 SrFloatEngineBase<Registration, Minimization, Mask>::SrFloatEngineBase(
     const SrFloatEngineBase& other)
-    : width(other.width),
-      height(other.height),
-      inputSize(other.inputSize),
-      outputWidth(other.outputWidth),
-      outputHeight(other.outputHeight),
-      outputSize(other.outputSize),
-      spectrumSize(other.spectrumSize),
-      windowSize(other.windowSize),
-      factor(other.factor),
+    : EngineGeometry(other),
       referenceIndex(other.referenceIndex),
       minStructureThreshold(other.minStructureThreshold),
       registration(other.registration),

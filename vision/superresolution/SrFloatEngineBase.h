@@ -6,6 +6,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "vision/superresolution/SrEngineCommon.h"
+
 namespace kelvo::vision {
 
 // What the float engine (SrFloat) and the four-lane engine (SrFloatNeon) share: the
@@ -17,7 +19,7 @@ namespace kelvo::vision {
 // Parameter setters reject out-of-range values by throwing the message as a plain
 // C string and leave the engine unchanged.
 template <class Registration, class Minimization, typename Mask>
-class SrFloatEngineBase {
+class SrFloatEngineBase : public EngineGeometry {
 public:
     // The matrix type getMasks hands out: bytes or floats.
     using MaskMatrix =
@@ -38,14 +40,6 @@ public:
     void setMinStructureThreshold(float threshold) { minStructureThreshold = threshold; }
     float getMinStructureThreshold() const { return minStructureThreshold; }
 
-    int getInputSize() const { return inputSize; }
-    int getOutputSize() const { return outputSize; }
-    int getWindowSize() const { return windowSize; }
-    int getWidth() const { return width; }
-    int getHeight() const { return height; }
-    int getOutputWidth() const { return outputWidth; }
-    int getOutputHeight() const { return outputHeight; }
-    int getSpectrumSize() const { return spectrumSize; }
     int getStoredFrames() const { return storedFrames; }
 
     void clearFrames() { storedFrames = 0; }
@@ -81,15 +75,6 @@ protected:
     // The factor estimate of the window's masks, with the engine's cap.
     float estimateSrFactor(int cap) const;
 
-    int width;
-    int height;
-    int inputSize;
-    int outputWidth;
-    int outputHeight;
-    int outputSize;
-    int spectrumSize;
-    int windowSize;
-    float factor;
     int referenceIndex = 0;
     float minStructureThreshold = 2.0f;
     Registration registration;

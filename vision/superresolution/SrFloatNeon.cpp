@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "vision/superresolution/SrEngineCommon.h"
 #include "vision/superresolution/SrFloatNeonRegistration.h"
 
 namespace kelvo::vision {
@@ -61,25 +62,9 @@ float SrFloatNeon<Registration>::computeSR(float* out) {
     }
     this->registration.getCompleteShifts(this->completeShifts);
 
-    const float limit = static_cast<float>(this->height / 10);
-    bool tooLarge = false;
-    bool tooManyMasked = false;
-    for (int i = 0; i < frameCount; ++i) {
-        const cv::Point_<float>& shift = this->completeShifts[i];
-        if (std::fabs(shift.x) > limit || std::fabs(shift.y) > limit) {
-            tooLarge = true;
-        }
-        const cv::Mat_<float> mask(this->height, this->width, this->maskPointers[i]);
-        const float pixels = static_cast<float>(mask.rows * mask.cols);
-        const float emptyFraction = (pixels - static_cast<float>(cv::sum(mask)[0])) / pixels;
-        if (emptyFraction >= 0.5f) {
-            tooManyMasked = true;
-        }
-    }
-    int status = tooManyMasked ? -3 : 0;
-    if (tooLarge) {
-        status = -6;
-    }
+    const int status =
+        displacementAndMaskStatus(this->completeShifts.data(), this->maskPointers.data(),
+                                  frameCount, this->width, this->height);
 
     const int iterations = this->minimization.minimize(
         frameCount, ref, this->registeredPointers.data(), this->shifts.data(),

@@ -745,6 +745,17 @@ TEST_F(KelvoSrTool, BurstLeavesOutTheFrameThatShowsAnotherPlace) {
                                     "up to "),
               std::string::npos)
         << automatic.output;
+    // Without the selection the last five frames pass, with 00529 as the reference: the
+    // estimate is declined, and the warning names the frames.
+    const ToolRun ghosted = run("burst -o ghosted.tiff --psf-sigma auto" + frames);
+    EXPECT_NE(ghosted.output.find(
+                  "with the reference: the PSF sigma needs frames of one scene with clear detail. "
+                  "Frame 0 is " +
+                  (burstFolder / "1_60_60_0_00528.jpg").string() + ", the reference " +
+                  (burstFolder / "1_60_60_0_00529.jpg").string() +
+                  ". The sensor blur stays the camera's or the default.\n"),
+              std::string::npos)
+        << ghosted.output;
 }
 
 }  // namespace

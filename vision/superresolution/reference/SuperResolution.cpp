@@ -68,15 +68,7 @@ void ensureShape(cv::Mat_<float>& matrix, int rows, int cols) {
 }  // namespace
 
 SuperResolution::SuperResolution(int width, int height, int windowSize, float factor)
-    : width(checkedGeometry(width, height, factor)),
-      height(height),
-      inputSize(width * height),
-      outputWidth(static_cast<int>(static_cast<float>(width) * factor)),
-      outputHeight(static_cast<int>(static_cast<float>(height) * factor)),
-      outputSize(outputWidth * outputHeight),
-      spectrumSize((width / 2 + 1) * height),
-      windowSize(checkedWindowSize(windowSize)),
-      factor(factor),
+    : EngineGeometry(width, height, windowSize, factor),
       badPixelHandling(static_cast<unsigned int>(windowSize)),
       registration(std::make_unique<SuperResolutionRegistration>(width, height, factor,
                                                                  kRegistrationGaussRadius)),

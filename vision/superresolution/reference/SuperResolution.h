@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "vision/superresolution/KnownBadPixels.h"
+#include "vision/superresolution/SrEngineCommon.h"
 #include "vision/superresolution/SuperResolutionBadPixelHandling.h"
 #include "vision/superresolution/TimingSink.h"
 #include "vision/superresolution/reference/Point.h"
@@ -38,7 +39,7 @@ class SuperResolutionMinimization;
 // stored as they are and their passes skip the bad-pixel stage, whose valid ranges are
 // those of float data; raw counts that need it enter through processFrame2, which
 // repairs them as radiance.
-class SuperResolution {
+class SuperResolution : public EngineGeometry {
 public:
     SuperResolution(int width, int height, int windowSize, float factor);
     ~SuperResolution();
@@ -61,14 +62,6 @@ public:
     float getMinStructureThreshold() const { return minStructureThreshold; }
     void setDataIsNUC(bool isNUC) { badPixelHandling.setDataIsNUC(isNUC); }
 
-    int getInputSize() const { return inputSize; }
-    int getOutputSize() const { return outputSize; }
-    int getWindowSize() const { return windowSize; }
-    int getWidth() const { return width; }
-    int getHeight() const { return height; }
-    int getOutputWidth() const { return outputWidth; }
-    int getOutputHeight() const { return outputHeight; }
-    int getSpectrumSize() const { return spectrumSize; }
     int getStoredFrames() const { return storedFrames; }
 
     // Stores a copy of the frame (width x height values, row-major) as floats with its
@@ -146,15 +139,6 @@ private:
     int loadFrame(const T* frame);
     void computeQuality_();
 
-    int width;
-    int height;
-    int inputSize;
-    int outputWidth;
-    int outputHeight;
-    int outputSize;
-    int spectrumSize;
-    int windowSize;
-    float factor;
     int referenceIndex = 0;
     float minStructureThreshold = 2.0f;
     SuperResolutionBadPixelHandling badPixelHandling;
