@@ -142,7 +142,8 @@ void restoreCropped(const float* estimate, int fullWidth, int margin, int outWid
     }
 }
 
-SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor)
+TvReconstructionBase::TvReconstructionBase(int lrWidth, int lrHeight, int maxFrames, float factor,
+                                           int spareFloats)
     : lrWidth(lrWidth),
       lrHeight(lrHeight),
       psfSize(static_cast<int>(factor * 3.0f)),
@@ -156,22 +157,15 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
       basePsf(psfSize),
       psfX(maxFrames, std::vector<float>(psfSize)),
       psfY(maxFrames, std::vector<float>(psfSize)),
-      psfXTable(maxFrames),
-      psfYTable(maxFrames),
-      convolution(static_cast<int>(static_cast<float>(lrWidth) * factor),
-                  static_cast<int>(static_cast<float>(lrHeight) * factor), psfSize, psfSize,
-                  factor),
-      lowResScratch(maxFrames, std::vector<float>(static_cast<size_t>(lrWidth) * lrHeight)),
-      lowResTable(maxFrames),
-      rhs(fullSize),
-      estimate(fullSize),
-      weightRight(fullSize),
-      weightDown(fullSize),
-      weightDownLeft(fullSize),
-      weightDownRight(fullSize),
-      residual(fullSize),
-      direction(fullSize),
-      operatorDirection(fullSize) {
+      rhs(fullSize + spareFloats),
+      estimate(fullSize + spareFloats),
+      weightRight(fullSize + spareFloats),
+      weightDown(fullSize + spareFloats),
+      weightDownLeft(fullSize + spareFloats),
+      weightDownRight(fullSize + spareFloats),
+      residual(fullSize + spareFloats),
+      direction(fullSize + spareFloats),
+      operatorDirection(fullSize + spareFloats) {
     setPsfSigma(0.683f);
     setWeightTV(400.0f);
     setEpsilon(0.1f);
@@ -179,20 +173,32 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
     setMaxIter(8);
 }
 
-void SrFloatMinimization::setWeightTV(float value) {
+TvWeights TvReconstructionBase::tvWeights() {
+    return {weightRight.data(), weightDown.data(), weightDownLeft.data(), weightDownRight.data()};
+}
+
+void TvReconstructionBase::setWeightTV(float value) {
     weightTV = value;
     negInvWeightTV = -1.0f / value;
 }
 
-void SrFloatMinimization::setEpsilon(float value) {
+void TvReconstructionBase::setEpsilon(float value) {
     epsilon = value;
     invEpsilon = 1.0f / value;
 }
 
-void SrFloatMinimization::setPsfSigma(float value) {
+void TvReconstructionBase::setPsfSigma(float value) {
     psfSigma = value;
     buildBasePsf(factor, value, basePsf.data(), psfSize);
 }
+
+SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor)
+    : TvReconstructionBase(lrWidth, lrHeight, maxFrames, factor),
+      psfXTable(maxFrames),
+      psfYTable(maxFrames),
+      convolution(highResWidth(), highResHeight(), psfSize, psfSize, factor),
+      lowResScratch(maxFrames, std::vector<float>(static_cast<size_t>(lrWidth) * lrHeight)),
+      lowResTable(maxFrames) {}
 
 KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refIndex,
                                                       float** const frames,
@@ -235,10 +241,8 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
     const int total = runRestarts(
         maxIter, [&](int budgetLeft) { return conjugateGradients(numFrames, masks, budgetLeft); });
 
-    restoreCropped(estimate.data(), fullWidth, (psfSize - 1) / 2,
-                   static_cast<int>(static_cast<float>(lrWidth) * factor),
-                   static_cast<int>(static_cast<float>(lrHeight) * factor), deviation, meanValue,
-                   result);
+    restoreCropped(estimate.data(), fullWidth, (psfSize - 1) / 2, highResWidth(), highResHeight(),
+                   deviation, meanValue, result);
     return total;
 }
 
@@ -305,10 +309,6 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     directionBeta = static_cast<float>(newNorm2 / residualNorm2);
     residualNorm2 = static_cast<float>(newNorm2);
     return false;
-}
-
-TvWeights SrFloatMinimization::tvWeights() {
-    return {weightRight.data(), weightDown.data(), weightDownLeft.data(), weightDownRight.data()};
 }
 
 void SrFloatMinimization::computeL(int firstRow, int endRow) {
