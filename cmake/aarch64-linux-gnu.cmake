@@ -9,6 +9,10 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 if(KELVO_ARM64_SYSROOT)
   set(CMAKE_SYSROOT ${KELVO_ARM64_SYSROOT})
+  # pkg-config describes the sysroot's arm64 libraries, not the host's.
+  set(ENV{PKG_CONFIG_SYSROOT_DIR} ${KELVO_ARM64_SYSROOT})
+  set(ENV{PKG_CONFIG_LIBDIR}
+      ${KELVO_ARM64_SYSROOT}/usr/lib/aarch64-linux-gnu/pkgconfig:${KELVO_ARM64_SYSROOT}/usr/share/pkgconfig)
   set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;${KELVO_ARM64_SYSROOT})
 else()
   set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64)

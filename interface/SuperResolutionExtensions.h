@@ -57,6 +57,15 @@ int SuperResolution_setValidRange(int handle, float minimum, float maximum);
 
 int SuperResolution_getValidRange(int handle, float* minimum, float* maximum);
 
+/* ---- Frames without a pass ------------------------------------------------------------- */
+
+/* Takes a frame into the context's window like SuperResolution_addImage, with the same checks,
+   repairs and codes, but runs no pass. How a frame registers depends on the frames the context
+   took before it, so a host that wants the results of only some windows of a stream, or splits
+   a stream among contexts, loads the other frames with this and gets for each window the result
+   to the bit that a context given every frame with SuperResolution_addImage gives. */
+int SuperResolution_loadImage(int handle, const float* image);
+
 /* ---- Known defective pixels ------------------------------------------------------------- */
 
 /* Names the sensor's known defective pixels: count (x, y) pairs, x0, y0, x1, y1, ..., each inside

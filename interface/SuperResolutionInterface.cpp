@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "interface/ContextTable.h"
+#include "interface/SuperResolutionExtensions.h"
 
 namespace {
 
@@ -200,7 +201,10 @@ int SuperResolution_init(int width, int height) {
     }
 }
 
-int SuperResolution_addImage(int handle, const float* image) {
+namespace {
+
+// Takes a frame into the context's window; the pass runs only when asked and the window is full.
+int takeImage(int handle, const float* image, bool passWhenFull) {
     ContextRecord* record = liveRecord(handle);
     if (record == nullptr) {
         return rejectInvalidContext();
@@ -213,7 +217,7 @@ int SuperResolution_addImage(int handle, const float* image) {
         setError("ir image data pointer is NULL");
         return SR_ERROR;
     }
-    return guarded([record, image] {
+    return guarded([record, image, passWhenFull] {
         const cv::Mat frame(record->height, record->width, CV_32F, const_cast<float*>(image));
         if (record->diagnosticWriter.isOpen()) {
             record->diagnosticWriter << frame;
@@ -228,7 +232,7 @@ int SuperResolution_addImage(int handle, const float* image) {
         }
         const int frameStatus = record->engine->addFrame(record->knownBadPixels.marked(image));
         ++record->imageCount;
-        const bool passRan = record->imageCount >= framesPerResult;
+        const bool passRan = passWhenFull && record->imageCount >= framesPerResult;
         const float passResult = passRan ? runPass(*record) : 0.0f;
         // The pass's quality factor and its other findings are not the host's concern here.
         if ((passRan && passResult == engineStatusBadPixels) || frameStatus == SR_BAD_PIXELS) {
@@ -239,6 +243,16 @@ int SuperResolution_addImage(int handle, const float* image) {
         }
         return status;
     });
+}
+
+}  // namespace
+
+int SuperResolution_addImage(int handle, const float* image) {
+    return takeImage(handle, image, true);
+}
+
+int SuperResolution_loadImage(int handle, const float* image) {
+    return takeImage(handle, image, false);
 }
 
 int SuperResolution_setReferenceFrame(int handle, int index) {

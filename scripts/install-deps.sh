@@ -7,6 +7,8 @@ set -euo pipefail
 packages=(build-essential cmake pkg-config clang-format clang libclang-rt-14-dev
           libopencv-dev libgtest-dev libbenchmark-dev libcli11-dev libsimde-dev
           libtiff-dev zlib1g-dev nlohmann-json3-dev
+          # The tool reads videos (16-bit grey included) through FFmpeg's libraries.
+          libavformat-dev libavcodec-dev libavutil-dev libswscale-dev
           # The Python module, its tests, the cluster runner and the example script.
           pybind11-dev python3-pybind11 python3-dev python3-numpy python3-pytest
           python3-dask python3-distributed python3-matplotlib)

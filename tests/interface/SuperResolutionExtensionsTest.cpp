@@ -148,6 +148,31 @@ TEST(SuperResolutionExtensions, EveryFunctionRejectsInvalidHandlesNullPointersAn
     EXPECT_EQ(i, 1);
 }
 
+// Frames loaded without a pass count like added ones: the pass after them gives the result, to
+// the bit, of a context that was given every frame with a pass.
+TEST(SuperResolutionExtensions, LoadedFramesRunNoPassButCountForTheNext) {
+    Context everyPass;
+    Context loaded;
+    for (int index = 0; index < 5; ++index) {
+        everyPass.add(burstFrame(index));
+        EXPECT_EQ(SuperResolution_loadImage(loaded.handle, burstFrame(index).data()), SR_OK);
+    }
+    int i = 0;
+    float f = 0.0f;
+    EXPECT_EQ(SuperResolution_getLastPass(loaded.handle, &i, &f, &i, &i), SR_ERROR);
+    EXPECT_EQ(everyPass.add(burstFrame(5)), SR_OK);
+    EXPECT_EQ(loaded.add(burstFrame(5)), SR_OK);
+    std::vector<float> expected(4 * width * height), result(expected.size());
+    ASSERT_EQ(SuperResolution_getSuperresolutionImage(everyPass.handle, expected.data()), SR_OK);
+    ASSERT_EQ(SuperResolution_getSuperresolutionImage(loaded.handle, result.data()), SR_OK);
+    EXPECT_EQ(std::memcmp(result.data(), expected.data(), result.size() * sizeof(float)), 0);
+
+    EXPECT_EQ(SuperResolution_loadImage(loaded.handle, nullptr), SR_ERROR);
+    EXPECT_EQ(lastMessage(), "ir image data pointer is NULL");
+    EXPECT_EQ(SuperResolution_loadImage(-1, expected.data()), SR_ERROR);
+    EXPECT_EQ(lastMessage(), "Context invalid.");
+}
+
 TEST(SuperResolutionExtensions, VersionIsTheProjectVersion) {
     int major = -1, minor = -1, patch = -1;
     ASSERT_EQ(SuperResolution_getVersion(&major, &minor, &patch), SR_OK);

@@ -30,6 +30,7 @@ public:
     explicit FloatFrameEngine(std::unique_ptr<SuperResolver> resolver)
         : resolver(std::move(resolver)) {}
     int addFrame(const cv::Mat_<float>& frame) override { return resolver->addFrame(frame); }
+    int loadFrame(const cv::Mat_<float>& frame) override { return resolver->loadFrame(frame); }
     cv::Mat_<float> result() override { return resolver->result(); }
     PassReport lastPass() const override { return resolver->lastPass(); }
     std::vector<cv::Point2f> estimatedShifts() const override {
@@ -116,39 +117,8 @@ public:
         }
     }
 
-    int addFrame(const cv::Mat_<float>& frame) override {
-        requireFrameSize(frame, cv::Size(engine.getWidth(), engine.getHeight()));
-        int status = engine.checkImageStructureQuality(frame) ? SR_OK : SR_LOW_STRUCTURE;
-        ++frames;
-        output.create(engine.getOutputHeight(), engine.getOutputWidth());
-        QuietStandardOutput quiet(!verbose);
-        try {
-            float passResult = 0.0f;
-            if (calibrated) {
-                const cv::Mat_<short> counts = toCounts(frame, "A frame of raw counts");
-                if (frames >= kWindowSize) {
-                    passResult = engine.processFrame2(counts.ptr<short>(), output.ptr<float>());
-                } else {
-                    engine.NucToRad(counts);
-                    engine.addFrame(engine.getRadianceImage().ptr<float>());
-                }
-            } else {
-                const cv::Mat_<float> continuous = frame.isContinuous() ? frame : frame.clone();
-                if (engine.addFrame(continuous.ptr<float>()) == SR_BAD_PIXELS) {
-                    status = SR_BAD_PIXELS;
-                }
-                if (frames >= kWindowSize) {
-                    passResult = engine.computeSR(output.ptr<float>());
-                }
-            }
-            if (frames >= kWindowSize) {
-                lastResult = passResult;
-            }
-            return statusOfPass(passResult, status);
-        } catch (const kelvo::Exception& error) {
-            throw std::runtime_error("The reference engine failed: " + error.message());
-        }
-    }
+    int addFrame(const cv::Mat_<float>& frame) override { return take(frame, true); }
+    int loadFrame(const cv::Mat_<float>& frame) override { return take(frame, false); }
 
     cv::Mat_<float> result() override {
         if (frames < kWindowSize) {
@@ -192,6 +162,41 @@ public:
     }
 
 private:
+    // Takes a frame into the window; with `pass`, a full window computes its result.
+    int take(const cv::Mat_<float>& frame, bool pass) {
+        requireFrameSize(frame, cv::Size(engine.getWidth(), engine.getHeight()));
+        int status = engine.checkImageStructureQuality(frame) ? SR_OK : SR_LOW_STRUCTURE;
+        ++frames;
+        output.create(engine.getOutputHeight(), engine.getOutputWidth());
+        QuietStandardOutput quiet(!verbose);
+        try {
+            float passResult = 0.0f;
+            if (calibrated) {
+                const cv::Mat_<short> counts = toCounts(frame, "A frame of raw counts");
+                if (pass && frames >= kWindowSize) {
+                    passResult = engine.processFrame2(counts.ptr<short>(), output.ptr<float>());
+                } else {
+                    engine.NucToRad(counts);
+                    engine.addFrame(engine.getRadianceImage().ptr<float>());
+                }
+            } else {
+                const cv::Mat_<float> continuous = frame.isContinuous() ? frame : frame.clone();
+                if (engine.addFrame(continuous.ptr<float>()) == SR_BAD_PIXELS) {
+                    status = SR_BAD_PIXELS;
+                }
+                if (pass && frames >= kWindowSize) {
+                    passResult = engine.computeSR(output.ptr<float>());
+                }
+            }
+            if (pass && frames >= kWindowSize) {
+                lastResult = passResult;
+            }
+            return statusOfPass(passResult, status);
+        } catch (const kelvo::Exception& error) {
+            throw std::runtime_error("The reference engine failed: " + error.message());
+        }
+    }
+
     // The engine prints the taps of its registration blur when it is built.
     static vision::SuperResolution* quietlyConstructed(cv::Size size, bool verbose) {
         QuietStandardOutput quiet(!verbose);

@@ -22,6 +22,10 @@ public:
     // status code of the C interface (0, or -2 .. -5 for a result to warn about).
     // Failures throw std::runtime_error with a sentence for the user.
     virtual int addFrame(const cv::Mat_<float>& frame) = 0;
+    // Adds a frame without a pass, returning and throwing like addFrame. How a window's frames
+    // register depends on the frames the engine took before them, so an engine that computes
+    // only some windows of a sequence loads the frames of the others.
+    virtual int loadFrame(const cv::Mat_<float>& frame) = 0;
     virtual cv::Mat_<float> result() = 0;
     virtual PassReport lastPass() const = 0;
     // The full displacement of every frame of the last pass against the reference.

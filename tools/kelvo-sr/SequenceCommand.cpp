@@ -9,9 +9,7 @@
 #include <iostream>
 #include <map>
 #include <numeric>
-#include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgproc.hpp>
-#include <opencv2/videoio.hpp>
 
 #include "tools/kelvo-sr/CommandSupport.h"
 #include "tools/kelvo-sr/Commands.h"
@@ -19,6 +17,7 @@
 #include "tools/kelvo-sr/ImageFiles.h"
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/kelvo-sr/RunReport.h"
+#include "tools/kelvo-sr/VideoFrameReader.h"
 #include "tools/simulator/ThermalPreview.h"
 
 namespace kelvo::tools {
@@ -88,8 +87,7 @@ struct NamedFrame {
 class FrameSequence {
 public:
     FrameSequence(const SequenceOptions& options, const RawFormat* rawFormat)
-        : rawFormat(rawFormat), position(options.start), end(options.end) {
-        const std::string& input = options.input;
+        : input(options.input), rawFormat(rawFormat), position(options.start), end(options.end) {
         if (fs::is_directory(input)) {
             for (const auto& entry : fs::directory_iterator(input)) {
                 if (entry.is_regular_file() && isFrameFile(entry.path())) {
@@ -105,23 +103,23 @@ public:
             }
             return;
         }
-        if (!fs::is_regular_file(input) || !openQuietly(input)) {
+        if (!fs::is_regular_file(input)) {
             throw std::runtime_error("Cannot read '" + input +
                                      "': neither a folder of frames nor a video file.");
         }
-        for (int skipped = 0; skipped < options.start && video.grab(); ++skipped) {
+        video = std::make_unique<VideoFrameReader>(input);
+        cv::Mat unused;
+        for (int skipped = 0; skipped < options.start && video->read(unused); ++skipped) {
         }
     }
 
     // Number of frames to read, or -1 when a video does not tell.
     int count() const {
-        const double total =
-            files.empty() ? video.get(cv::CAP_PROP_FRAME_COUNT) : static_cast<double>(files.size());
+        const int total = files.empty() ? video->frameCount() : static_cast<int>(files.size());
         if (total <= 0) {
             return -1;
         }
-        const int last = end >= 0 ? std::min<int>(end, static_cast<int>(total) - 1)
-                                  : static_cast<int>(total) - 1;
+        const int last = end >= 0 ? std::min(end, total - 1) : total - 1;
         return std::max(0, last - position + 1);
     }
 
@@ -131,14 +129,21 @@ public:
               int* storedDepth = nullptr) {
         while (end < 0 || position <= end) {
             if (files.empty()) {
-                cv::Mat image;
-                if (!video.read(image) || image.empty()) {
-                    return false;
-                }
                 char name[32];
                 std::snprintf(name, sizeof(name), "frame_%06d", position++);
                 frame.name = name;
-                frame.image = toSingleChannelFrame(image, name);
+                cv::Mat image;
+                try {
+                    if (!video->read(image)) {
+                        return false;
+                    }
+                } catch (const std::runtime_error& error) {
+                    std::cerr << "warning: skipped " << frame.name << ": " << error.what()
+                              << std::endl;
+                    skipped.emplace_back(frame.name, error.what());
+                    continue;
+                }
+                frame.image = toSingleChannelFrame(image, input + " (" + name + ")");
                 if (storedDepth != nullptr) {
                     *storedDepth = image.depth();
                 }
@@ -160,19 +165,10 @@ public:
     }
 
 private:
-    // Each video back end that fails to open the file logs its own exception; the one message
-    // below says what matters.
-    bool openQuietly(const std::string& input) {
-        const auto level = cv::utils::logging::getLogLevel();
-        cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
-        const bool opened = video.open(input);
-        cv::utils::logging::setLogLevel(level);
-        return opened;
-    }
-
+    const std::string input;
     const RawFormat* rawFormat;
     std::vector<std::string> files;
-    cv::VideoCapture video;
+    std::unique_ptr<VideoFrameReader> video;
     int position;
     int end;
 };
@@ -193,85 +189,66 @@ void showProgress(int done, int total) {
     std::fflush(stderr);
 }
 
-// How every engine of the run is made: from the run's opening burst, which decides the
-// values and the known bad pixels once for all of them.
-struct EngineRecipe {
-    EngineOptions options;
-    std::vector<cv::Mat_<float>> opening;
-    int storedDepth;
-
-    std::unique_ptr<FrameEngine> make() const {
-        return makeFrameEngine(options, opening, storedDepth);
-    }
-};
-
-// Computes the results of a run of consecutive windows on one engine of its own: the
-// first window fills it, each further one slides it by a frame. A result depends on
-// the frames of its window only, so any split of the windows gives the same results.
+// Computes the results of its share of the windows on an engine of its own. How a window's
+// frames register depends on frames the engine took before the window: registration converts
+// frames to 8 bits over a range that follows them only when one leaves it, however long ago
+// that was. So the engine takes every frame of the sequence in order, the frames that end its
+// windows with a pass and all others without one (a few milliseconds each instead of a pass),
+// and each result is the one a single engine given every frame computes, whatever the share.
 class WindowWorker {
 public:
-    WindowWorker(const SequenceOptions& options, const EngineRecipe& recipe, ValueKind values,
-                 ThermalPreview::Range previewRange)
-        : options(options), recipe(recipe), values(values), previewRange(previewRange) {}
+    WindowWorker(const SequenceOptions& options, std::unique_ptr<FrameEngine> engine,
+                 ValueKind values, ThermalPreview::Range previewRange)
+        : options(options), engine(std::move(engine)), values(values), previewRange(previewRange) {}
 
-    // Results for the windows ending at the batch positions `ends` (ascending).
-    std::vector<ResultRecord> run(const std::vector<NamedFrame>& batch,
+    // Takes the frames of the batch it has not taken yet (`batchStart` is the position of
+    // the batch's first frame in the sequence) and returns the results of the windows ending
+    // at the batch positions `ends` (ascending).
+    std::vector<ResultRecord> run(const std::vector<NamedFrame>& batch, int batchStart,
                                   const std::vector<int>& ends) {
         std::vector<ResultRecord> records;
-        std::unique_ptr<FrameEngine> engine;
-        int fedUpTo = -1;
-        for (const int end : ends) {
-            if (!engine || fedUpTo != end - 1) {
-                renewEngine(engine, true);
-                fedUpTo = end - kWindowSize;
+        auto nextEnd = ends.begin();
+        for (int end = framesTaken - batchStart; end < static_cast<int>(batch.size()); ++end) {
+            const bool windowEnds = nextEnd != ends.end() && *nextEnd == end;
+            const auto start = std::chrono::steady_clock::now();
+            int status = 0;
+            try {
+                status = windowEnds ? engine->addFrame(batch[end].image)
+                                    : engine->loadFrame(batch[end].image);
+            } catch (const std::runtime_error& error) {
+                throw std::runtime_error(batch[end].name + ": " + error.what());
             }
-            std::vector<std::string> window;
-            for (int i = end - kWindowSize + 1; i <= end; ++i) {
-                window.push_back(batch[i].name);
+            ++framesTaken;
+            if (windowEnds) {
+                ++nextEnd;
+                records.push_back(finishWindow(batch, end, status,
+                                               std::chrono::duration<double, std::milli>(
+                                                   std::chrono::steady_clock::now() - start)
+                                                   .count()));
             }
-            cv::Mat_<float> result;
-            ResultRecord record;
-            {
-                int status = 0;
-                double passMilliseconds = 0.0;
-                while (fedUpTo < end) {
-                    const auto start = std::chrono::steady_clock::now();
-                    const NamedFrame& frame = batch[++fedUpTo];
-                    try {
-                        status = engine->addFrame(frame.image);
-                    } catch (const std::runtime_error& error) {
-                        throw std::runtime_error(frame.name + ": " + error.what());
-                    }
-                    passMilliseconds = std::chrono::duration<double, std::milli>(
-                                           std::chrono::steady_clock::now() - start)
-                                           .count();
-                }
-                const PassReport pass = engine->lastPass();
-                result = engine->result();
-                record = recordPass(pass, window, pass.status != 0 ? pass.status : status,
-                                    passMilliseconds);
-            }
-            // A pass that matched no frame to its reference leaves no result of its own.
-            if (record.status != kRegistrationFailed) {
-                write(result, record);
-            } else {
-                std::cerr << "warning: " << batch[end].name
-                          << ": no frame could be matched to the reference frame; no result written"
-                          << std::endl;
-            }
-            records.push_back(record);
         }
-        renewEngine(engine, false);
         return records;
     }
 
 private:
-    // Closes the engine, and opens a new one for the next run of windows when asked.
-    void renewEngine(std::unique_ptr<FrameEngine>& engine, bool open) {
-        engine.reset();
-        if (open) {
-            engine = recipe.make();
+    ResultRecord finishWindow(const std::vector<NamedFrame>& batch, int end, int status,
+                              double passMilliseconds) {
+        std::vector<std::string> window;
+        for (int i = end - kWindowSize + 1; i <= end; ++i) {
+            window.push_back(batch[i].name);
         }
+        const PassReport pass = engine->lastPass();
+        ResultRecord record =
+            recordPass(pass, window, pass.status != 0 ? pass.status : status, passMilliseconds);
+        // A pass that matched no frame to its reference leaves no result of its own.
+        if (record.status != kRegistrationFailed) {
+            write(engine->result(), record);
+        } else {
+            std::cerr << "warning: " << batch[end].name
+                      << ": no frame could be matched to the reference frame; no result written"
+                      << std::endl;
+        }
+        return record;
     }
 
     void write(const cv::Mat_<float>& result, ResultRecord& record) const {
@@ -288,7 +265,8 @@ private:
     }
 
     const SequenceOptions& options;
-    const EngineRecipe& recipe;
+    std::unique_ptr<FrameEngine> engine;
+    int framesTaken = 0;  // frames of the sequence the engine has taken
     ValueKind values;
     ThermalPreview::Range previewRange;  // one for the whole sequence, so colours stay put
 };
@@ -308,45 +286,50 @@ int runSequence(const SequenceOptions& options) {
     const int expectedResults =
         frameCount >= kWindowSize ? (frameCount - kWindowSize) / options.every + 1 : 0;
 
-    // The first readable frames (the batch's start) open the run: they decide the values.
+    // The first readable frames (the batch's start) open the run: they decide the values and
+    // the known bad pixels once for every engine.
     RunRecord run{"sequence", ValueKind::kTemperature, !options.engine.calibration.empty(), {}, {}};
     std::vector<NamedFrame> batch;  // frames read; the first four repeat the last batch's end
-    EngineRecipe recipe{options.engine, {}, CV_8U};
+    std::vector<cv::Mat_<float>> opening;
+    int storedDepth = CV_8U;
     NamedFrame frame;
     while (batch.size() < kWindowSize &&
-           sequence.next(frame, run.skipped, batch.empty() ? &recipe.storedDepth : nullptr)) {
-        recipe.opening.push_back(frame.image);
+           sequence.next(frame, run.skipped, batch.empty() ? &storedDepth : nullptr)) {
+        opening.push_back(frame.image);
         batch.push_back(std::move(frame));
     }
     if (batch.size() < kWindowSize) {
         std::cerr << "kelvo-sr: fewer than five readable frames: no result." << std::endl;
         return 1;
     }
-    FrameValues values;
     // With --psf-sigma auto, the opening burst's estimate serves every window.
-    std::vector<std::size_t> openingWindow(recipe.opening.size());
+    EngineOptions engineOptions = options.engine;
+    std::vector<std::size_t> openingWindow(opening.size());
     std::iota(openingWindow.begin(), openingWindow.end(), std::size_t{0});
     std::vector<std::string> openingNames;
-    for (const NamedFrame& opening : batch) {
-        openingNames.push_back(opening.name);
+    for (const NamedFrame& openingFrame : batch) {
+        openingNames.push_back(openingFrame.name);
     }
-    resolvePsfSigma(recipe.options, recipe.opening, openingWindow, openingNames);
+    resolvePsfSigma(engineOptions, opening, openingWindow, openingNames);
+    const ThermalPreview::Range range = previewRange(options.look, opening);
+    // One engine per job, all made before the jobs start.
+    std::vector<WindowWorker> workers;
+    workers.reserve(options.jobs);
+    std::unique_ptr<FrameEngine> firstEngine = makeFrameEngine(engineOptions, opening, storedDepth);
+    const FrameValues values = firstEngine->values();
+    run.values = values.kind;
+    workers.emplace_back(options, std::move(firstEngine), run.values, range);
     {
-        // Every job's engine gets a slot in the interface's table before the jobs start.
-        std::vector<std::unique_ptr<FrameEngine>> reserved;
-        reserved.push_back(recipe.make());
-        values = reserved.front()->values();
-        run.values = values.kind;
         QuietStandardOutput quiet;  // the decisions about the frames are printed once
-        while (static_cast<int>(reserved.size()) < options.jobs) {
-            reserved.push_back(recipe.make());
+        while (static_cast<int>(workers.size()) < options.jobs) {
+            workers.emplace_back(options, makeFrameEngine(engineOptions, opening, storedDepth),
+                                 run.values, range);
         }
-        for (const NamedFrame& opening : batch) {
-            warnOutsideRange(opening.name, opening.image, reserved.front()->values());
-        }
+    }
+    for (const NamedFrame& openingFrame : batch) {
+        warnOutsideRange(openingFrame.name, openingFrame.image, values);
     }
     int goodFrames = static_cast<int>(batch.size());
-    const ThermalPreview::Range range = previewRange(options.look, recipe.opening);
     {
         QuietStandardOutput quiet(!options.engine.timings);
         for (bool more = true; more;) {
@@ -367,15 +350,14 @@ int runSequence(const SequenceOptions& options) {
                     ends.push_back(end);
                 }
             }
-            // Contiguous shares of the windows, one per job.
-            const std::size_t jobs =
-                std::min<std::size_t>(options.jobs, std::max<std::size_t>(1, ends.size()));
+            // Contiguous shares of the windows, one per job; every job takes every frame.
+            const std::size_t jobs = workers.size();
             std::vector<std::future<std::vector<ResultRecord>>> shares;
             for (std::size_t job = 0; job < jobs; ++job) {
                 const std::vector<int> share(ends.begin() + ends.size() * job / jobs,
                                              ends.begin() + ends.size() * (job + 1) / jobs);
-                shares.push_back(std::async(std::launch::async, [&, share] {
-                    return WindowWorker(options, recipe, run.values, range).run(batch, share);
+                shares.push_back(std::async(std::launch::async, [&, job, share] {
+                    return workers[job].run(batch, firstGood, share);
                 }));
             }
             for (auto& share : shares) {

@@ -218,9 +218,17 @@ void SuperResolver::setDefectivePixels(const std::vector<cv::Point>& positions) 
 }
 
 int SuperResolver::addFrame(const cv::Mat_<float>& frame) {
+    return take(frame, SuperResolution_addImage);
+}
+
+int SuperResolver::loadFrame(const cv::Mat_<float>& frame) {
+    return take(frame, SuperResolution_loadImage);
+}
+
+int SuperResolver::take(const cv::Mat_<float>& frame, int (*intake)(int, const float*)) {
     requireFrameSize(frame, size);
     const cv::Mat_<float> continuous = frame.isContinuous() ? frame : frame.clone();
-    const int status = SuperResolution_addImage(handle, continuous.ptr<float>());
+    const int status = intake(handle, continuous.ptr<float>());
     if (status == SR_ERROR || status == SR_INIT_FAILED) {
         throw std::runtime_error(describe(status));
     }

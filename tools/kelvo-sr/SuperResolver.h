@@ -71,6 +71,8 @@ public:
     // Adds a frame (from the fifth on, every frame recomputes the result); returns the
     // status code.
     int addFrame(const cv::Mat_<float>& frame);
+    // Adds a frame without a pass (the windows of a sequence that another engine computes).
+    int loadFrame(const cv::Mat_<float>& frame);
     cv::Mat_<float> result() const;
     PassReport lastPass() const;
     // The full displacement of every frame of the last pass against the reference.
@@ -90,6 +92,8 @@ public:
 private:
     // Throws std::runtime_error with the library's message unless the status is SR_OK.
     void check(int status) const;
+    // Hands the frame to the context through `intake` (with or without a pass).
+    int take(const cv::Mat_<float>& frame, int (*intake)(int, const float*));
 
     cv::Size size;
     FrameValues frameValues;

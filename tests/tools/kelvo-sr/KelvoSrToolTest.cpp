@@ -18,8 +18,14 @@
 #include <utility>
 #include <vector>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
 #include "interface/SuperResolutionContext.h"
 #include "interface/SuperResolutionInterface.h"
+#include "tools/kelvo-sr/VideoFrameReader.h"
 #include "tools/simulator/BurstSimulator.h"
 #include "tools/simulator/ImageQuality.h"
 
@@ -688,6 +694,150 @@ TEST_F(KelvoSrTool, SequenceOrdersSkipsAndSplitsItsWindows) {
             std::string::npos,
         true);
     expectFailure("sequence frames --start 5 --end 2", "--end 2 lies before --start 5.");
+}
+
+// How burst E registers depends on the frames before each window (two windows warn), so
+// engines that split the windows must still give each the serial result, byte for byte, and
+// so must a run that computes only every second window.
+TEST_F(KelvoSrTool, SequenceResultsDoNotDependOnJobsOrEvery) {
+    const fs::path burstFolder =
+        fs::path(KELVO_SHARED_DATA_DIR) / "hit-uav" / "bursts" / "E_1_60_60_00524-00532";
+    if (!fs::is_directory(burstFolder)) {
+        GTEST_SKIP() << "real frames not found at " << burstFolder;
+    }
+    const std::string input = shellQuoted(burstFolder.string());
+    const ToolRun serial = run("sequence " + input + " -o serial");
+    ASSERT_EQ(serial.exitCode, 2) << serial.output;
+    EXPECT_NE(serial.output.find("1 x a frame was displaced"), std::string::npos) << serial.output;
+    EXPECT_NE(serial.output.find("3 x at least half of a frame"), std::string::npos)
+        << serial.output;
+    ASSERT_EQ(run("sequence " + input + " -o parallel --jobs 2").exitCode, 2);
+    ASSERT_EQ(run("sequence " + input + " -o picked --jobs 2 --every 2").exitCode, 2);
+    for (int number = 525; number <= 529; ++number) {
+        const std::string name = "1_60_60_0_00" + std::to_string(number) + "_sr.tiff";
+        const std::string serialFile = fileText(path("serial") / name);
+        ASSERT_FALSE(serialFile.empty()) << name;
+        EXPECT_TRUE(fileText(path("parallel") / name) == serialFile) << name;
+        EXPECT_EQ(fs::exists(path("picked") / name), number % 2 == 1) << name;
+        if (number % 2 == 1) {
+            EXPECT_TRUE(fileText(path("picked") / name) == serialFile) << name;
+        }
+    }
+}
+
+// Writes frames as a lossless FFV1 video: grey (CV_8U or CV_16U), as a thermal camera records
+// gray or gray16le, or colour (CV_8UC4, stored as bgr0).
+void writeGreyVideo(const fs::path& path, const std::vector<cv::Mat>& frames) {
+    av_log_set_level(AV_LOG_ERROR);
+    AVFormatContext* format = nullptr;
+    ASSERT_GE(avformat_alloc_output_context2(&format, nullptr, nullptr, path.c_str()), 0);
+    const AVCodec* encoder = avcodec_find_encoder(AV_CODEC_ID_FFV1);
+    ASSERT_NE(encoder, nullptr);
+    AVStream* stream = avformat_new_stream(format, nullptr);
+    AVCodecContext* codec = avcodec_alloc_context3(encoder);
+    codec->width = frames[0].cols;
+    codec->height = frames[0].rows;
+    codec->pix_fmt = frames[0].channels() == 4     ? AV_PIX_FMT_BGR0
+                     : frames[0].depth() == CV_16U ? AV_PIX_FMT_GRAY16LE
+                                                   : AV_PIX_FMT_GRAY8;
+    codec->time_base = {1, 30};
+    if (format->oformat->flags & AVFMT_GLOBALHEADER) {
+        codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    }
+    ASSERT_EQ(avcodec_open2(codec, encoder, nullptr), 0);
+    avcodec_parameters_from_context(stream->codecpar, codec);
+    stream->time_base = codec->time_base;
+    ASSERT_GE(avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE), 0);
+    ASSERT_GE(avformat_write_header(format, nullptr), 0);
+    AVFrame* frame = av_frame_alloc();
+    frame->format = codec->pix_fmt;
+    frame->width = codec->width;
+    frame->height = codec->height;
+    av_frame_get_buffer(frame, 0);
+    AVPacket* packet = av_packet_alloc();
+    const auto send = [&](const AVFrame* picture) {
+        avcodec_send_frame(codec, picture);
+        while (avcodec_receive_packet(codec, packet) == 0) {
+            packet->duration = 1;  // one frame, as cameras write it
+            av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
+            av_interleaved_write_frame(format, packet);
+        }
+    };
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        av_frame_make_writable(frame);
+        frames[i].copyTo(cv::Mat(frame->height, frame->width, frames[i].type(), frame->data[0],
+                                 static_cast<std::size_t>(frame->linesize[0])));
+        frame->pts = static_cast<std::int64_t>(i);
+        send(frame);
+    }
+    send(nullptr);
+    av_write_trailer(format);
+    avio_closep(&format->pb);
+    av_packet_free(&packet);
+    av_frame_free(&frame);
+    avcodec_free_context(&codec);
+    avformat_free_context(format);
+}
+
+// A 16-bit grey video keeps its counts from the file to the result and an 8-bit one its bytes,
+// also when stored in a colour format; a palette and a file that is no video are refused.
+TEST_F(KelvoSrTool, VideoKeepsGreyValuesAndRefusesPalettes) {
+    std::vector<cv::Mat_<unsigned short>> counts;
+    writeBurst(6, "frame", &counts);
+    std::vector<cv::Mat> frames(counts.begin(), counts.end());
+    writeGreyVideo(path("counts.mkv"), frames);
+    kelvo::tools::VideoFrameReader reader(path("counts.mkv").string());
+    EXPECT_EQ(reader.frameCount(), 6);
+    cv::Mat image;
+    for (const cv::Mat& written : frames) {
+        ASSERT_TRUE(reader.read(image));
+        ASSERT_EQ(image.type(), CV_16UC1);
+        EXPECT_EQ(cv::norm(image, written, cv::NORM_INF), 0.0);
+    }
+    EXPECT_FALSE(reader.read(image));
+
+    const ToolRun sequence = run("sequence counts.mkv -o results");
+    ASSERT_EQ(sequence.exitCode, 0) << sequence.output;
+    EXPECT_NE(sequence.output.find("values: counts"), std::string::npos) << sequence.output;
+    const cv::Mat result =
+        cv::imread(path("results/frame_000001_sr.tiff").string(), cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(result.type(), CV_32F);
+    EXPECT_EQ(cv::countNonZero(result != libraryResult({counts.begin(), counts.begin() + 5})), 0);
+
+    for (cv::Mat& frame : frames) {
+        frame.convertTo(frame, CV_8U, 1.0 / 64.0, -100.0);
+    }
+    writeGreyVideo(path("bytes.mkv"), frames);
+    kelvo::tools::VideoFrameReader bytes(path("bytes.mkv").string());
+    ASSERT_TRUE(bytes.read(image));
+    EXPECT_EQ(image.type(), CV_8UC1);
+    EXPECT_EQ(cv::norm(image, frames[0], cv::NORM_INF), 0.0);
+
+    // Colour frames are converted with a warning; grey ones keep their values, a palette is
+    // refused.
+    for (cv::Mat& frame : frames) {
+        cv::cvtColor(frame, frame, cv::COLOR_GRAY2BGRA);
+    }
+    writeGreyVideo(path("grey-in-colour.mkv"), frames);
+    const ToolRun converted = run("sequence grey-in-colour.mkv -o converted");
+    EXPECT_EQ(converted.exitCode, 0) << converted.output;
+    EXPECT_NE(converted.output.find("warning: 'grey-in-colour.mkv' stores its frames in a colour "
+                                    "format (bgr0): they are converted to grey"),
+              std::string::npos)
+        << converted.output;
+    ASSERT_EQ(run("sequence bytes.mkv -o bytes").exitCode, 0);
+    EXPECT_TRUE(fileText(path("converted/frame_000001_sr.tiff")) ==
+                fileText(path("bytes/frame_000001_sr.tiff")));
+    for (cv::Mat& frame : frames) {
+        frame.col(0).setTo(cv::Scalar(0, 0, 255, 0));
+    }
+    writeGreyVideo(path("palette.mkv"), frames);
+    expectFailure("sequence palette.mkv",
+                  "'palette.mkv (frame_000000)' is a colour picture: a colour palette maps");
+
+    std::ofstream(path("noise.mkv")) << std::string(4096, 'x');
+    expectFailure("sequence noise.mkv",
+                  "Cannot read 'noise.mkv': neither a folder of frames nor a video file.");
 }
 
 TEST_F(KelvoSrTool, VersionAndExitCodesAreDocumented) {
