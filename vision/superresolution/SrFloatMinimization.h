@@ -32,7 +32,8 @@ struct TvWeights {
 
 // What every reconstruction of the library shares: the sizes of the frames and of the
 // full image (the high-resolution image with a PSF margin), the parameters with their
-// defaults, the centred base PSF and the tables of per-frame PSFs.
+// defaults, the centred base PSF, the tables of per-frame PSFs and the images of the
+// solve.
 class TvReconstructionBase {
 public:
     float getPsfSigma() const { return psfSigma; }
