@@ -1,10 +1,21 @@
 # SPDX-License-Identifier: Apache-2.0
 """Recorded sequences on a Dask cluster.
 
-Each sequence is cut into chunks of consecutive windows; a chunk reads its frames together with
-the four before its first window, so every window sees the same five frames as in a serial run
-and gives the same bytes. Chunks run as independent tasks on the workers, which write the
-results; one JSON summary per sequence gathers them.
+Each sequence is cut into chunks of consecutive windows, which run as independent tasks on the
+workers; the workers write the results, and one JSON summary per sequence gathers them. Every
+result is the bytes of a serial run (kelvo_superres.sequence over all the frames), warning
+windows included: a pass depends not only on its five frames but on every frame before them
+(corner tracking converts frames to 8 bits over a range that changes only when a frame leaves
+it, however long ago). So each chunk reads the sequence from its first frame and loads the
+frames before its own windows without a pass (SuperResolver.load).
+
+That costs each chunk about 1.6 ms per earlier 640x512 frame (loading, measured through
+Python), plus reading it (a .npy file is mapped; a JPEG file takes about 1.2 ms to decode): the
+last chunk of a long recording loads almost all of it. Over a sequence of n frames in chunks of
+w windows the chunks load about n * n / (2 * w) frames in all, against n passes of some 50 ms:
+the loading stays under a tenth of the passes' time while n / w is below about 4 (image files)
+or 6 (.npy). For long recordings give windows_per_task of n / 4 or more, and let many sequences
+keep the workers busy.
 
 Sequences are folders of image files (read in name order, as the kelvo-sr tool reads them) or
 .npy files holding a (frames, rows, columns) array. Paths must name the same files on the
@@ -23,7 +34,7 @@ import time
 
 import numpy as np
 
-from . import FRAMES_PER_RESULT, read_frame, sequence
+from . import FRAMES_PER_RESULT, Status, read_frame, sequence
 
 IMAGE_EXTENSIONS = (".png", ".tif", ".tiff", ".jpg", ".jpeg")
 SUMMARY_NAME = "summary.json"
@@ -52,29 +63,32 @@ def output_folder(output, path):
     return os.path.join(output, name)
 
 
-def _frames(collection, first, last):
+def _frames(collection, last):
     if isinstance(collection, np.ndarray):
-        return collection[first:last]
-    return (read_frame(name) for name in collection[first:last])
+        return collection[:last]
+    return (read_frame(name) for name in collection[:last])
 
 
 def run_chunk(path, first, last, folder, options):
-    """Writes the results of the windows whose newest frame is first..last - 1; returns their
-    summaries."""
-    start = first - (FRAMES_PER_RESULT - 1)
+    """Writes the results of the windows whose newest frame is first..last - 1, after loading
+    the frames before them; returns their summaries. A window whose registration failed has no
+    result or shifts of its own (a serial run repeats those of the pass before, which a task
+    may not have run): it is summarised, not written.
+    """
     collection = sequence_frames(path)
     os.makedirs(folder, exist_ok=True)
     windows = []
-    for result in sequence(_frames(collection, start, last), **options):
-        index = start + result.index
-        np.save(os.path.join(folder, result_name(index)), result.image)
+    for result in sequence(_frames(collection, last), results_from=first, **options):
+        written = result.status != Status.REGISTRATION_FAILED
+        if written:
+            np.save(os.path.join(folder, result_name(result.index)), result.image)
         windows.append({
-            "index": index,
-            "result": result_name(index),
+            "index": result.index,
+            "result": result_name(result.index) if written else None,
             "status": result.status.name,
             "frame_status": result.frame_status.name,
             "factor": result.factor,
-            "shifts": result.shifts.tolist(),
+            "shifts": result.shifts.tolist() if written else None,
         })
     return windows
 
@@ -106,9 +120,14 @@ def super_resolve_sequences(paths, output, *, client=None, windows_per_task=64, 
     paths: sequence folders or .npy files; output: the folder that receives one folder per
     sequence (named after it) with result_NNNNN.npy for the window ending at frame NNNNN and
     summary.json. client: a dask.distributed Client; without one, the current client if there
-    is one, else Dask's local scheduler. windows_per_task: windows per task (smaller spreads
-    short sequences over more workers, each task re-reads four frames). Options are those of
-    kelvo_superres.SuperResolver. Returns the summaries, in the order of the paths.
+    is one, else Dask's local scheduler. windows_per_task: windows per task; smaller spreads a
+    sequence over more workers, but each task first loads every frame before its windows
+    (about 1.6 ms per 640x512 frame, plus reading it), so the loading grows with the square
+    of a sequence's length over windows_per_task (see the module's description). Options are
+    those of kelvo_superres.SuperResolver. Every result is the bytes of a serial run, warning
+    windows included; one whose registration failed is summarised with "result" and "shifts"
+    null.
+    Returns the summaries, in the order of the paths.
     """
     import dask
 

@@ -137,12 +137,12 @@ void bindResolver(py::module_& module) {
              py::arg("timings"))
         .def(
             "add",
-            [](Resolver& resolver, py::handle frame) {
+            [](Resolver& resolver, py::handle frame, bool withPass) {
                 const FloatFrame pixels = asFrame(frame, resolver.width(), resolver.height());
                 py::gil_scoped_release released;
-                return resolver.add(pixels.data());
+                return withPass ? resolver.add(pixels.data()) : resolver.load(pixels.data());
             },
-            py::arg("frame"))
+            py::arg("frame"), py::arg("with_pass") = true)
         .def(
             "process_counts",
             [](Resolver& resolver, const ShortFrame& counts) {

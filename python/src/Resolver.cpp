@@ -234,7 +234,7 @@ Resolver::Resolver(int width, int height, const ResolverOptions& options)
     result.assign(static_cast<size_t>(outputWidth()) * outputHeight(), 0.0f);
 }
 
-int Resolver::add(const float* frame) {
+int Resolver::take(const float* frame, bool passWhenFull) {
     std::lock_guard<std::mutex> hold(busy);
     const float* marked = knownBadPixels.marked(frame);
     std::memcpy(screened.ptr<float>(), marked, sizeof(float) * screened.total());
@@ -253,10 +253,13 @@ int Resolver::add(const float* frame) {
     int status = high - low < engine->getMinStructureThreshold() ? SR_LOW_STRUCTURE : SR_OK;
     const int frameStatus = guarded([&] { return engine->addFrame(marked); });
     ++added;
-    const bool passNow = added >= interface::contextWindowSize;
+    const bool windowFull = added >= interface::contextWindowSize;
+    const bool passNow = passWhenFull && windowFull;
+    // The estimate comes from the first window whether or not its pass runs, so that loaded
+    // frames leave the later passes as they would be.
     if (sigmaInUse == 0.0f) {
         opening.push_back(screened.clone());
-        if (passNow) {
+        if (windowFull) {
             settlePsfSigma();
         }
     }

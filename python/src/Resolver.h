@@ -78,7 +78,12 @@ public:
     // Adds a frame of height x width floats; returns the code SuperResolution_addImage
     // would return (0, -2, -3 or -4). Throws LibraryError for a refused frame or a failed
     // pass.
-    int add(const float* frame);
+    int add(const float* frame) { return take(frame, true); }
+    // Takes a frame as add does, with the same checks, repairs and codes (0, -2 or -4), but
+    // runs no pass: how a window registers depends on every frame the engine took before it,
+    // so a host that wants only some windows of a run loads the others with this and gets the
+    // results of a resolver given every frame with add. The last pass stays as it was.
+    int load(const float* frame) { return take(frame, false); }
 
     // Reference engine with a calibration only: converts a frame of raw counts to radiance
     // and adds it; from the fifth frame on also runs a pass, all in the engine's own
@@ -108,6 +113,8 @@ public:
                       std::vector<cv::Mat_<unsigned char>>* masks) const;
 
 private:
+    // Takes a frame into the window; the pass runs only when asked and the window is full.
+    int take(const float* frame, bool passWhenFull);
     // Estimates the sensor blur from the opening window and gives it to the engine, or keeps
     // the fallback and the reason.
     void settlePsfSigma();

@@ -14,15 +14,17 @@ import kelvo_superres as ksr
 from conftest import DATA, burst_paths
 
 
-def c_interface_run(frames, configure=lambda library, handle: None):
-    """The burst through the C interface, as a C host calls it: statuses and final result."""
+def c_interface_run(frames, configure=lambda library, handle: None, loaded=0):
+    """The burst through the C interface, as a C host calls it: statuses and final result.
+    The first `loaded` frames are taken without a pass."""
     library = ctypes.CDLL(os.environ["KELVO_LIBRARY"])
     height, width = frames[0].shape
     handle = library.SuperResolution_init(width, height)
     configure(library, handle)
     pointer = ctypes.POINTER(ctypes.c_float)
-    statuses = [library.SuperResolution_addImage(handle, np.ascontiguousarray(frame).ctypes.data_as(pointer))
-                for frame in frames]
+    statuses = [(library.SuperResolution_loadImage if index < loaded else library.SuperResolution_addImage)(
+                    handle, np.ascontiguousarray(frame).ctypes.data_as(pointer))
+                for index, frame in enumerate(frames)]
     result = np.zeros((2 * height, 2 * width), np.float32)
     assert library.SuperResolution_getSuperresolutionImage(handle, result.ctypes.data_as(pointer)) == 0
     library.SuperResolution_release(handle)
@@ -110,8 +112,32 @@ def test_the_four_lane_engine_gives_the_float_engine_bytes_on_finite_frames(smal
 def test_sequence_yields_every_window(small_burst):
     results = list(ksr.sequence(iter(small_burst)))
     assert [result.index for result in results] == [4, 5, 6]
-    assert results[-1].image.tobytes() == ksr.super_resolve(small_burst).image.tobytes()
     assert results[0].image.tobytes() == ksr.super_resolve(small_burst[:5]).image.tobytes()
+
+
+def test_loaded_frames_give_the_bytes_of_the_c_interface_and_of_a_run(small_burst):
+    resolver = ksr.SuperResolver(96, 80)
+    statuses = [resolver.load(frame) for frame in small_burst[:6]]
+    assert resolver.frames_added == 6 and resolver.result is None
+    statuses.append(resolver.add(small_burst[6]))
+    c_statuses, c_result = c_interface_run(small_burst, loaded=6)
+    assert statuses == c_statuses and resolver.result.tobytes() == c_result.tobytes()
+    in_run = list(ksr.sequence(small_burst))
+    assert resolver.result.tobytes() == in_run[-1].image.tobytes()
+    assert [(r.index, r.image.tobytes()) for r in ksr.sequence(small_burst, results_from=5)] == \
+        [(r.index, r.image.tobytes()) for r in in_run[1:]]
+    # The checks and repairs of add; what is refused is not taken, and the last pass stays.
+    with pytest.raises(TypeError, match="real numbers .* not complex128"):
+        resolver.load(small_burst[0].astype(np.complex128))
+    with pytest.raises(ValueError, match=r"shape \(96, 80\) but the resolver takes frames of shape"):
+        resolver.load(small_burst[0].T)
+    with pytest.raises(ksr.Error, match="^Too many defect pixels. No processing possible.$"):
+        resolver.load(np.full((80, 96), np.nan))
+    assert resolver.load(np.full((80, 96), np.inf)) == ksr.Status.BAD_PIXELS
+    assert resolver.load(np.full((80, 96), 7.0)) == ksr.Status.LOW_STRUCTURE
+    assert resolver.frames_added == 9 and resolver.result.tobytes() == c_result.tobytes()
+    with pytest.raises(ValueError, match="^results_from must be a frame position"):
+        next(ksr.sequence(small_burst, results_from=-1))
 
 
 def test_unusable_frames_are_refused_with_clear_errors(small_burst):
@@ -271,6 +297,11 @@ def test_auto_psf_sigma_is_estimated_once_from_the_first_window(sigma):
     resolver.add(burst[0])
     assert resolver.psf_sigma == estimate
     assert ksr.super_resolve(burst, psf_sigma="auto").psf_sigma == estimate
+    # Frames loaded without a pass give the same estimate, for the passes after them.
+    loaded = ksr.SuperResolver(160, 128, psf_sigma="auto")
+    for frame in burst:
+        loaded.load(frame)
+    assert loaded.psf_sigma == estimate
 
 
 def test_auto_psf_sigma_says_why_the_frames_give_none(small_burst):

@@ -189,6 +189,72 @@ void convolveRows(const float* sparse, int w, const float* const* psfX, int coun
     }
 }
 
+// The mean filter's pieces. A clipped running mean along each of Rows consecutive
+// image rows (row stride `length`): the sum enters pixel c + radius and leaves pixel
+// c - radius; divided by the clipped window's pixel count at both ends, multiplied by
+// norm = 1 / (2 radius + 1) in between.
+constexpr int kMeanFilterRows = 8;
+
+template <int Rows>
+void meanFilterRows(const float* source, float* target, int length, int radius, float norm) {
+    float sum[Rows];
+    for (int row = 0; row < Rows; ++row) {
+        sum[row] = 0.0f;
+        for (int c = 0; c < radius; ++c) {
+            sum[row] += source[row * length + c];
+        }
+    }
+    for (int c = 0; c < radius; ++c) {
+        for (int row = 0; row < Rows; ++row) {
+            sum[row] += source[row * length + c + radius];
+            target[row * length + c] = sum[row] / static_cast<float>(c + radius + 1);
+        }
+    }
+    for (int c = radius; c < length - radius; ++c) {
+        for (int row = 0; row < Rows; ++row) {
+            sum[row] += source[row * length + c + radius];
+            target[row * length + c] = sum[row] * norm;
+            sum[row] -= source[row * length + c - radius];
+        }
+    }
+    for (int c = length - radius; c < length; ++c) {
+        for (int row = 0; row < Rows; ++row) {
+            target[row * length + c] = sum[row] / static_cast<float>(length - c + radius);
+            sum[row] -= source[row * length + c - radius];
+        }
+    }
+}
+
+// The vertical running sums of all columns at once, one image row at a time.
+KELVO_VECTOR_CLONES void addRow(const float* row, int length, float* sum) {
+    for (int c = 0; c < length; ++c) {
+        sum[c] += row[c];
+    }
+}
+
+KELVO_VECTOR_CLONES void subtractRow(const float* row, int length, float* sum) {
+    for (int c = 0; c < length; ++c) {
+        sum[c] -= row[c];
+    }
+}
+
+KELVO_VECTOR_CLONES void divideRow(const float* sum, int length, float divisor, float* out) {
+    for (int c = 0; c < length; ++c) {
+        out[c] = sum[c] / divisor;
+    }
+}
+
+// Entering row, output sum * norm, leaving row: the three steps of the interior in
+// one sweep.
+KELVO_VECTOR_CLONES void slideRow(const float* entering, const float* leaving, int length,
+                                  float norm, float* __restrict sum, float* __restrict out) {
+    for (int c = 0; c < length; ++c) {
+        sum[c] += entering[c];
+        out[c] = sum[c] * norm;
+        sum[c] -= leaving[c];
+    }
+}
+
 }  // namespace
 
 SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight,
@@ -366,70 +432,35 @@ void SrFloatConvolution::blurImageMeanFilter(cv::Mat_<float>& in, int radius, cv
     }
     const float norm = 1.0f / (2.0f * static_cast<float>(radius) + 1.0f);
 
-    // Horizontal pass: one running sum along each row. The window is clipped at both
-    // ends, where the divisor is the count of pixels it still holds.
-    for (int r = 0; r < rows; ++r) {
-        const float* source = in.ptr<float>(r);
-        float* target = scratch.ptr<float>(r);
-        float sum = 0.0f;
-        for (int c = 0; c < radius; ++c) {
-            sum += source[c];
-        }
-        for (int c = 0; c < radius; ++c) {
-            sum += source[c + radius];
-            target[c] = sum / static_cast<float>(c + radius + 1);
-        }
-        for (int c = radius; c < cols - radius; ++c) {
-            sum += source[c + radius];
-            target[c] = sum * norm;
-            sum -= source[c - radius];
-        }
-        for (int c = cols - radius; c < cols; ++c) {
-            target[c] = sum / static_cast<float>(cols - c + radius);
-            sum -= source[c - radius];
-        }
+    // Horizontal pass: one running sum along each row, kMeanFilterRows rows side by
+    // side so that their independent additions overlap instead of waiting on each other.
+    int r = 0;
+    for (; r + kMeanFilterRows <= rows; r += kMeanFilterRows) {
+        meanFilterRows<kMeanFilterRows>(in.ptr<float>(r), scratch.ptr<float>(r), cols, radius,
+                                        norm);
+    }
+    for (; r < rows; ++r) {
+        meanFilterRows<1>(in.ptr<float>(r), scratch.ptr<float>(r), cols, radius, norm);
     }
 
     // Vertical pass: the same running sum down every column, kept for all columns at
     // once in one row so that the inner loops run along contiguous memory.
     float* sum = scratch.ptr<float>(rows);
-    auto add = [&](int r) {
-        const float* row = scratch.ptr<float>(r);
-        for (int c = 0; c < cols; ++c) {
-            sum[c] += row[c];
-        }
-    };
-    auto subtract = [&](int r) {
-        const float* row = scratch.ptr<float>(r);
-        for (int c = 0; c < cols; ++c) {
-            sum[c] -= row[c];
-        }
-    };
-    auto divide = [&](int r, float divisor) {
-        float* target = out.ptr<float>(r);
-        for (int c = 0; c < cols; ++c) {
-            target[c] = sum[c] / divisor;
-        }
-    };
+    auto row = [&](int index) { return static_cast<const float*>(scratch.ptr<float>(index)); };
     std::fill(sum, sum + cols, 0.0f);
     for (int r = 0; r < radius; ++r) {
-        add(r);
+        addRow(row(r), cols, sum);
     }
     for (int r = 0; r < radius; ++r) {
-        add(r + radius);
-        divide(r, static_cast<float>(r + radius + 1));
+        addRow(row(r + radius), cols, sum);
+        divideRow(sum, cols, static_cast<float>(r + radius + 1), out.ptr<float>(r));
     }
     for (int r = radius; r < rows - radius; ++r) {
-        add(r + radius);
-        float* target = out.ptr<float>(r);
-        for (int c = 0; c < cols; ++c) {
-            target[c] = sum[c] * norm;
-        }
-        subtract(r - radius);
+        slideRow(row(r + radius), row(r - radius), cols, norm, sum, out.ptr<float>(r));
     }
     for (int r = rows - radius; r < rows; ++r) {
-        divide(r, static_cast<float>(rows - r + radius));
-        subtract(r - radius);
+        divideRow(sum, cols, static_cast<float>(rows - r + radius), out.ptr<float>(r));
+        subtractRow(row(r - radius), cols, sum);
     }
 }
 

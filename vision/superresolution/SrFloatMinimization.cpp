@@ -131,8 +131,9 @@ void shiftPsf(const float* base, int n, float s, float* psf) {
     }
 }
 
-void restoreCropped(const float* estimate, int fullWidth, int margin, int outWidth, int outHeight,
-                    float deviation, float mean, float* result) {
+KELVO_VECTOR_CLONES void restoreCropped(const float* estimate, int fullWidth, int margin,
+                                        int outWidth, int outHeight, float deviation, float mean,
+                                        float* result) {
     for (int r = 0; r < outHeight; ++r) {
         const float* source = estimate + (r + margin) * fullWidth + margin;
         float* target = result + r * outWidth;

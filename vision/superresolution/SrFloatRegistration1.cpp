@@ -36,13 +36,16 @@ int checkedFrameCount(int frameCount) {
 SrFloatRegistration1::SrFloatRegistration1(int width, int height, int frameCount)
     : SrFloatRegistrationBase(width, height, checkedFrameCount(frameCount)),
       spectrumLength((width / 2 + 1) * height),
-      spectrumSlots(frameCount, std::vector<float>(2 * spectrumLength, 0.0f)),
+      slots(frameCount),
       fft(width, height),
       gaussSpectrum(2 * spectrumLength),
       workSpectrum(2 * spectrumLength),
-      correlation(pixelCount),
-      blurredReference(pixelCount),
-      blurredFrame(pixelCount) {
+      correlation(pixelCount) {
+    for (Slot& slot : slots) {
+        slot.spectrum.assign(2 * spectrumLength, 0.0f);
+        slot.frame.assign(pixelCount, 0.0f);
+        slot.blurred.assign(pixelCount, 0.0f);
+    }
     setGaussRadius(kDefaultGaussRadius);
 }
 
@@ -53,15 +56,21 @@ void SrFloatRegistration1::setGaussRadius(int radius) {
     fft.gaussFft(radius, sigma, pairs(gaussSpectrum), table.data());
     gaussTable = std::move(table);
     gaussRadius = radius;
+    for (Slot& slot : slots) {
+        slot.blurCurrent = false;
+    }
 }
 
 void SrFloatRegistration1::prepareFrame(const float* frame) {
     if (storedFrames < frameCount) {
         ++storedFrames;
     } else {
-        std::rotate(spectrumSlots.begin(), spectrumSlots.begin() + 1, spectrumSlots.end());
+        std::rotate(slots.begin(), slots.begin() + 1, slots.end());
     }
-    fft.forward(frame, pairs(spectrumSlots[storedFrames - 1]));
+    const int newest = storedFrames - 1;
+    fft.forward(frame, pairs(slots[newest].spectrum));
+    slots[newest].blurCurrent = false;
+    blurredImageOf(newest, frame);
 }
 
 int SrFloatRegistration1::doRegistration(int registeredFrames, int referenceIndex,
@@ -80,8 +89,8 @@ void SrFloatRegistration1::registerFrames(int registeredFrames, int referenceInd
                                           const float* const* frames, cv::Point_<float>* shifts,
                                           char** masks) {
     referenceSlot = referenceIndex;
-    blurFromSpectrum(referenceSlot, frames[referenceIndex], blurredReference.data());
-    initialize(masks, registeredFrames);
+    const float* blurredReference = blurredImageOf(referenceSlot, frames[referenceIndex]);
+    initialize(masks, blurredReference, registeredFrames);
     if (lastShifts.size() < static_cast<size_t>(registeredFrames)) {
         lastShifts.resize(registeredFrames);
     }
@@ -93,29 +102,37 @@ void SrFloatRegistration1::registerFrames(int registeredFrames, int referenceInd
         }
         frameSlot = k;
         const cv::Point_<int> start = phaseCorrelation();
-        blurFromSpectrum(frameSlot, frames[k], blurredFrame.data());
-        shifts[k] = opticalFlow(blurredReference.data(), blurredFrame.data(), start, masks[k]);
+        shifts[k] =
+            opticalFlow(blurredReference, blurredImageOf(frameSlot, frames[k]), start, masks[k]);
     }
     std::copy(shifts, shifts + registeredFrames, lastShifts.begin());
 }
 
-void SrFloatRegistration1::initialize(char** masks, int registeredFrames) {
+void SrFloatRegistration1::initialize(char** masks, const float* blurredReference,
+                                      int registeredFrames) {
     for (int k = 0; k < registeredFrames; ++k) {
         std::memset(masks[k], 0, pixelCount);
     }
-    computeReferenceGradients(blurredReference.data());
+    computeReferenceGradients(blurredReference);
 }
 
-void SrFloatRegistration1::blurFromSpectrum(int slot, const float* frame, float* blurred) {
-    float(*work)[2] = pairs(workSpectrum);
-    multiplyByConjugate(pairs(spectrumSlots[slot]), pairs(gaussSpectrum), spectrumLength, work);
-    fft.backward(work, blurred);
-    fft.repairGaussBlur(frame, blurred, gaussRadius, gaussTable.data());
+const float* SrFloatRegistration1::blurredImageOf(int index, const float* frame) {
+    Slot& slot = slots[index];
+    const size_t bytes = sizeof(float) * pixelCount;
+    if (!slot.blurCurrent || std::memcmp(slot.frame.data(), frame, bytes) != 0) {
+        std::memcpy(slot.frame.data(), frame, bytes);
+        float(*work)[2] = pairs(workSpectrum);
+        multiplyByConjugate(pairs(slot.spectrum), pairs(gaussSpectrum), spectrumLength, work);
+        fft.backward(work, slot.blurred.data());
+        fft.repairGaussBlur(frame, slot.blurred.data(), gaussRadius, gaussTable.data());
+        slot.blurCurrent = true;
+    }
+    return slot.blurred.data();
 }
 
 cv::Point_<int> SrFloatRegistration1::phaseCorrelation() {
     float(*cross)[2] = pairs(workSpectrum);
-    crossPowerSpectrum(pairs(spectrumSlots[referenceSlot]), pairs(spectrumSlots[frameSlot]),
+    crossPowerSpectrum(pairs(slots[referenceSlot].spectrum), pairs(slots[frameSlot].spectrum),
                        spectrumLength, cross);
     fft.backward(cross, correlation.data());
     return correlationPeak(correlation.data(), width, height);

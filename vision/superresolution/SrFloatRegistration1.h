@@ -22,8 +22,8 @@ class SrFloatRegistration1 : public SrFloatRegistrationBase {
 public:
     SrFloatRegistration1(int width, int height, int frameCount);
 
-    // Transforms the frame into the newest spectrum slot; once all frameCount slots
-    // are full, the oldest is dropped and its storage reused.
+    // Transforms the frame into the newest slot and blurs it there; once all
+    // frameCount slots are full, the oldest is dropped and its storage reused.
     void prepareFrame(const float* frame);
 
     // 0, or -9 when frameCount exceeds the prepared frames or the reference index lies
@@ -38,29 +38,37 @@ public:
     // The one-sided Gaussian taps k[0 .. gaussRadius] and the frequency-blurred
     // reference and last frame of the last registration, for inspection and tests.
     const std::vector<float>& getGaussTable() const { return gaussTable; }
-    const std::vector<float>& getBlurredReference() const { return blurredReference; }
-    const std::vector<float>& getBlurredFrame() const { return blurredFrame; }
+    const std::vector<float>& getBlurredReference() const { return slots[referenceSlot].blurred; }
+    const std::vector<float>& getBlurredFrame() const { return slots[frameSlot].blurred; }
 
 private:
     void registerFrames(int frameCount, int referenceIndex, const float* const* frames,
                         cv::Point_<float>* shifts, char** masks);
-    void initialize(char** masks, int frameCount);
-    // blurred = repaired backward(spectrum . conj(gaussSpectrum)), frame = the
-    // spectrum's image.
-    void blurFromSpectrum(int slot, const float* frame, float* blurred);
+    void initialize(char** masks, const float* blurredReference, int frameCount);
+    // The slot's frame blurred: repaired backward(spectrum . conj(gaussSpectrum)), with
+    // `frame` the spectrum's image. Every frame takes part in several passes while it
+    // stays in the window, so the blur is kept with the frame it was made from and
+    // made again only when that frame or the Gaussian changes.
+    const float* blurredImageOf(int index, const float* frame);
     cv::Point_<int> phaseCorrelation();
+
+    // What is kept of one prepared frame.
+    struct Slot {
+        std::vector<float> spectrum;  // pairs (re, im)
+        std::vector<float> frame;     // the image the blur was made from
+        std::vector<float> blurred;
+        bool blurCurrent = false;  // blurred is that of frame with the current Gaussian
+    };
 
     int spectrumLength;
     int gaussRadius = 5;
-    std::vector<std::vector<float>> spectrumSlots;  // pairs (re, im)
+    std::vector<Slot> slots;
     SrFloatFft2d fft;
     std::vector<float> gaussSpectrum;
     int referenceSlot = 0;
     int frameSlot = 0;
     std::vector<float> workSpectrum;
     std::vector<float> correlation;
-    std::vector<float> blurredReference;
-    std::vector<float> blurredFrame;
     std::vector<float> gaussTable;
 };
 

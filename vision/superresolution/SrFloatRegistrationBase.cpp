@@ -5,8 +5,10 @@
 #include <array>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 #include "vision/superresolution/SrFloatConvolution.h"
+#include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
 
@@ -31,6 +33,120 @@ int roundHalfUpSaturated(float value, int limit) {
         return value < 0.0f ? -limit : limit;
     }
     return static_cast<int>(rounded);
+}
+
+// Gradients of one row: central differences (R[y+1] - R[y-1]) / 2 inside; on the
+// first and last row (borderRow) and column the one-sided difference, deliberately not
+// halved. `above` and `below` are the neighbouring rows, the row itself at the borders.
+KELVO_VECTOR_CLONES void gradientsOfRow(const float* row, const float* above, const float* below,
+                                        int width, bool borderRow, float* __restrict gx,
+                                        float* __restrict gy) {
+    if (borderRow) {
+        for (int x = 0; x < width; ++x) {
+            gy[x] = below[x] - above[x];
+        }
+    } else {
+        for (int x = 0; x < width; ++x) {
+            gy[x] = (below[x] - above[x]) * 0.5f;
+        }
+    }
+    gx[0] = row[1] - row[0];
+    for (int x = 1; x < width - 1; ++x) {
+        gx[x] = (row[x + 1] - row[x - 1]) * 0.5f;
+    }
+    gx[width - 1] = row[width - 1] - row[width - 2];
+}
+
+// Four floats and four doubles as vectors, for the lane-wise sums below.
+using FloatQuad = float __attribute__((vector_size(kLanes * sizeof(float))));
+using DoubleQuad = double __attribute__((vector_size(kLanes * sizeof(double))));
+
+FloatQuad loadQuad(const float* values) {
+    FloatQuad quad;
+    std::memcpy(&quad, values, sizeof quad);
+    return quad;
+}
+
+// By reference: a vector of doubles returned by value would change the calling
+// convention between the clones.
+void loadQuad(const DoubleLanes& lanes, DoubleQuad& quad) {
+    std::memcpy(&quad, lanes.data(), sizeof quad);
+}
+
+void storeQuad(const DoubleQuad& quad, DoubleLanes& lanes) {
+    std::memcpy(lanes.data(), &quad, sizeof quad);
+}
+
+// Adds the products of one row to lane-wise double sums, xx[lane] += gx gx,
+// xy[lane] += gx gy, yy[lane] += gy gy over the lane's columns (x = lane mod 4) and
+// the remainder in lane 0: each product rounded to float, then added in double.
+KELVO_VECTOR_CLONES void addGradientProductsOfRow(const float* gx, const float* gy, int length,
+                                                  DoubleLanes& xxSums, DoubleLanes& xySums,
+                                                  DoubleLanes& yySums) {
+    DoubleQuad xx;
+    DoubleQuad xy;
+    DoubleQuad yy;
+    loadQuad(xxSums, xx);
+    loadQuad(xySums, xy);
+    loadQuad(yySums, yy);
+    int x = 0;
+    for (; x + kLanes <= length; x += kLanes) {
+        const FloatQuad a = loadQuad(gx + x);
+        const FloatQuad b = loadQuad(gy + x);
+        xx += __builtin_convertvector(a * a, DoubleQuad);
+        xy += __builtin_convertvector(a * b, DoubleQuad);
+        yy += __builtin_convertvector(b * b, DoubleQuad);
+    }
+    for (; x < length; ++x) {
+        xx[0] += gx[x] * gx[x];
+        xy[0] += gx[x] * gy[x];
+        yy[0] += gy[x] * gy[x];
+    }
+    storeQuad(xx, xxSums);
+    storeQuad(xy, xySums);
+    storeQuad(yy, yySums);
+}
+
+// b += (f - r) (gx, gy) over one row of the overlap, in the same lanes.
+KELVO_VECTOR_CLONES void addMismatchOfRow(const float* r, const float* f, const float* gx,
+                                          const float* gy, int length, DoubleLanes& bxSums,
+                                          DoubleLanes& bySums) {
+    DoubleQuad bx;
+    DoubleQuad by;
+    loadQuad(bxSums, bx);
+    loadQuad(bySums, by);
+    int i = 0;
+    for (; i + kLanes <= length; i += kLanes) {
+        const FloatQuad mismatch = loadQuad(f + i) - loadQuad(r + i);
+        bx += __builtin_convertvector(mismatch * loadQuad(gx + i), DoubleQuad);
+        by += __builtin_convertvector(mismatch * loadQuad(gy + i), DoubleQuad);
+    }
+    for (; i < length; ++i) {
+        const float mismatch = f[i] - r[i];
+        bx[0] += mismatch * gx[i];
+        by[0] += mismatch * gy[i];
+    }
+    storeQuad(bx, bxSums);
+    storeQuad(by, bySums);
+}
+
+// error = ((gy uy + gx ux + f) - r)^2 energyNorm along one row of the overlap.
+KELVO_VECTOR_CLONES void writeResidualRow(const float* r, const float* f, const float* gx,
+                                          const float* gy, int length, float ux, float uy,
+                                          float energyNorm, float* __restrict error) {
+    for (int i = 0; i < length; ++i) {
+        const float residual = (gy[i] * uy + gx[i] * ux + f[i]) - r[i];
+        error[i] = residual * residual * energyNorm;
+    }
+}
+
+// mask = 1 where the smoothed residual lies below the threshold, else unchanged.
+template <typename Mask>
+KELVO_VECTOR_CLONES void markRowBelow(const float* smoothed, float threshold, int length,
+                                      Mask* __restrict mask) {
+    for (int x = 0; x < length; ++x) {
+        mask[x] = smoothed[x] < threshold ? Mask(1) : mask[x];
+    }
 }
 
 }  // namespace
@@ -102,21 +218,8 @@ SrFloatRegistrationBase::GradientSums SrFloatRegistrationBase::sumGradientProduc
     DoubleLanes xy{};
     DoubleLanes yy{};
     for (int y = region.y; y < region.y + region.height; ++y) {
-        const float* gx = refGradX.data() + y * width + region.x;
-        const float* gy = refGradY.data() + y * width + region.x;
-        int x = 0;
-        for (; x + kLanes <= region.width; x += kLanes) {
-            for (int lane = 0; lane < kLanes; ++lane) {
-                xx[lane] += gx[x + lane] * gx[x + lane];
-                xy[lane] += gx[x + lane] * gy[x + lane];
-                yy[lane] += gy[x + lane] * gy[x + lane];
-            }
-        }
-        for (; x < region.width; ++x) {
-            xx[0] += gx[x] * gx[x];
-            xy[0] += gx[x] * gy[x];
-            yy[0] += gy[x] * gy[x];
-        }
+        addGradientProductsOfRow(refGradX.data() + y * width + region.x,
+                                 refGradY.data() + y * width + region.x, region.width, xx, xy, yy);
     }
     return {total(xx), total(xy), total(yy)};
 }
@@ -130,28 +233,11 @@ void SrFloatRegistrationBase::computeReferenceGradients(const float* reference) 
 }
 
 void SrFloatRegistrationBase::computeGradientImages(const float* reference) {
-    // Central differences (R[y+1] - R[y-1]) / 2 inside; on the first and last row
-    // and column the one-sided difference, deliberately not halved.
     for (int y = 0; y < height; ++y) {
-        const float* row = reference + y * width;
-        const float* above = reference + std::max(y - 1, 0) * width;
-        const float* below = reference + std::min(y + 1, height - 1) * width;
-        float* gy = refGradY.data() + y * width;
-        if (y == 0 || y == height - 1) {
-            for (int x = 0; x < width; ++x) {
-                gy[x] = below[x] - above[x];
-            }
-        } else {
-            for (int x = 0; x < width; ++x) {
-                gy[x] = (below[x] - above[x]) * 0.5f;
-            }
-        }
-        float* gx = refGradX.data() + y * width;
-        gx[0] = row[1] - row[0];
-        for (int x = 1; x < width - 1; ++x) {
-            gx[x] = (row[x + 1] - row[x - 1]) * 0.5f;
-        }
-        gx[width - 1] = row[width - 1] - row[width - 2];
+        gradientsOfRow(reference + y * width, reference + std::max(y - 1, 0) * width,
+                       reference + std::min(y + 1, height - 1) * width, width,
+                       y == 0 || y == height - 1, refGradX.data() + y * width,
+                       refGradY.data() + y * width);
     }
 }
 
@@ -198,19 +284,7 @@ cv::Point_<float> SrFloatRegistrationBase::opticalFlow(const float* reference, c
         const float* f = frame + (inFrame.y + j) * width + inFrame.x;
         const float* gx = refGradX.data() + referenceRow;
         const float* gy = refGradY.data() + referenceRow;
-        int i = 0;
-        for (; i + kLanes <= inReference.width; i += kLanes) {
-            for (int lane = 0; lane < kLanes; ++lane) {
-                const float mismatch = f[i + lane] - r[i + lane];
-                mismatchX[lane] += mismatch * gx[i + lane];
-                mismatchY[lane] += mismatch * gy[i + lane];
-            }
-        }
-        for (; i < inReference.width; ++i) {
-            const float mismatch = f[i] - r[i];
-            mismatchX[0] += mismatch * gx[i];
-            mismatchY[0] += mismatch * gy[i];
-        }
+        addMismatchOfRow(r, f, gx, gy, inReference.width, mismatchX, mismatchY);
     }
     const double bx = total(mismatchX);
     const double by = total(mismatchY);
@@ -258,11 +332,8 @@ void SrFloatRegistrationBase::writeResidualImage(const float* reference, const f
         const float* f = frame + (inFrame.y + j) * width + inFrame.x;
         const float* gx = refGradX.data() + referenceRow;
         const float* gy = refGradY.data() + referenceRow;
-        float* error = errorImage + referenceRow;
-        for (int i = 0; i < inReference.width; ++i) {
-            const float residual = (gy[i] * uy + gx[i] * ux + f[i]) - r[i];
-            error[i] = residual * residual * energyNorm;
-        }
+        writeResidualRow(r, f, gx, gy, inReference.width, ux, uy, energyNorm,
+                         errorImage + referenceRow);
     }
 }
 
@@ -273,13 +344,8 @@ void SrFloatRegistrationBase::markValidPixels(cv::Point_<float> shift, Mask* mas
                                   roundHalfUpSaturated(shift.y, height));
     const cv::Rect valid = overlapOf(rounded).reference;
     for (int y = valid.y; y < valid.y + valid.height; ++y) {
-        const float* smoothed = blurredErrorImage + y * width;
-        Mask* validRow = mask + y * width;
-        for (int x = valid.x; x < valid.x + valid.width; ++x) {
-            if (smoothed[x] < regError) {
-                validRow[x] = Mask(1);
-            }
-        }
+        const int first = y * width + valid.x;
+        markRowBelow(blurredErrorImage + first, regError, valid.width, mask + first);
     }
 }
 

@@ -7,6 +7,7 @@
 
 #include "platform/kelvo/Exception.h"
 #include "platform/kelvo/NeonLanes.h"
+#include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
 
@@ -62,8 +63,8 @@ bool isRefilledMarker(unsigned int bits) {
 }
 
 // Branch-free tests that let runs of pixels be skipped; the compiler vectorises them.
-bool anyNonZero(const unsigned char* codes, int count) {
-    unsigned int any = 0;
+KELVO_VECTOR_CLONES bool anyNonZero(const unsigned char* codes, int count) {
+    unsigned char any = 0;
     for (int i = 0; i < count; ++i) {
         any |= codes[i];
     }
@@ -71,7 +72,7 @@ bool anyNonZero(const unsigned char* codes, int count) {
 }
 
 // True when some value has bits 129 to 132, as every refilled marker has.
-bool anyRefilledMarkerCandidate(const float* values, int count) {
+KELVO_VECTOR_CLONES bool anyRefilledMarkerCandidate(const float* values, int count) {
     unsigned int any = 0;
     for (int i = 0; i < count; ++i) {
         any |= bitsOf(values[i]) - SuperResolutionBadPixelHandling::kMarkerMaximum <=
@@ -471,6 +472,10 @@ void SuperResolutionBadPixelHandling::replaceMaskedPixel(
     const size_t frameCount = std::min({shifts.size(), frames.size(), defectMaps.size()});
     for (int y = 0; y < result.rows; ++y) {
         float* row = result[y];
+        // Most rows hold no marker at all: one scan of the whole row passes them by.
+        if (!anyRefilledMarkerCandidate(row, result.cols)) {
+            continue;
+        }
         for (int start = 0; start < result.cols; start += kMarkerScanChunk) {
             const int end = std::min(start + kMarkerScanChunk, result.cols);
             if (!anyRefilledMarkerCandidate(row + start, end - start)) {

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "tests/vision/superresolution/ShiftedTexture.h"
+#include "vision/superresolution/PhaseCorrelation.h"
 
 namespace kelvo::vision {
 namespace {
@@ -329,6 +330,49 @@ TEST(SrFloatRegistration1, BadFramesFailCleanly) {
     EXPECT_EQ(burst.registerOn(registration, -1), -9);
     EXPECT_EQ(burst.registerOn(registration, 3), -9);
     EXPECT_EQ(burst.registerOn(registration, 2), 0);
+}
+
+// Blurred frames are kept from pass to pass; they must be remade when the frames
+// handed to a registration are not those prepared, or when the Gaussian changes:
+// always the prepared spectrum blurred and repaired against the frame handed in.
+TEST(SrFloatRegistration1, KeptBlursFollowTheFramesAndTheGaussian) {
+    constexpr int width = 96;
+    constexpr int height = 64;
+    const cv::Mat_<float> texture = withoutMean(makeDoubleSizeTexture(width, height, 7, 1.5));
+    std::vector<cv::Mat_<float>> prepared;
+    std::vector<cv::Mat_<float>> handed;
+    for (const cv::Point2f shift : {cv::Point2f(0.0f, 0.0f), cv::Point2f(1.3f, -0.6f)}) {
+        prepared.push_back(makeShiftedFrame(texture, shift));
+        handed.push_back(prepared.back() * 1.5f + 3.0f);
+    }
+    SrFloatFft2d fft(width, height);
+    auto blurOf = [&](const cv::Mat_<float>& spectrumImage, const cv::Mat_<float>& frame,
+                      int radius) {
+        const float sigma = std::sqrt(3.0f * static_cast<float>(radius * radius) / 25.0f);
+        const int length = (width / 2 + 1) * height;
+        std::vector<float> gauss(2 * length), spectrum(2 * length), blurred(width * height);
+        std::vector<float> taps(radius + 1);
+        auto asPairs = [](std::vector<float>& v) {
+            return reinterpret_cast<float(*)[2]>(v.data());
+        };
+        fft.gaussFft(radius, sigma, asPairs(gauss), taps.data());
+        fft.forward(spectrumImage.ptr<float>(), asPairs(spectrum));
+        multiplyByConjugate(asPairs(spectrum), asPairs(gauss), length, asPairs(spectrum));
+        fft.backward(asPairs(spectrum), blurred.data());
+        fft.repairGaussBlur(frame.ptr<float>(), blurred.data(), radius, taps.data());
+        return blurred;
+    };
+
+    SrFloatRegistration1 registration(width, height, 2);
+    Burst(prepared).prepareAll(registration);
+    Burst(prepared).registerOn(registration, 0);
+    EXPECT_EQ(registration.getBlurredFrame(), blurOf(prepared[1], prepared[1], 5));
+    Burst(handed).registerOn(registration, 0);
+    EXPECT_EQ(registration.getBlurredReference(), blurOf(prepared[0], handed[0], 5));
+    EXPECT_EQ(registration.getBlurredFrame(), blurOf(prepared[1], handed[1], 5));
+    registration.setGaussRadius(3);
+    Burst(handed).registerOn(registration, 0);
+    EXPECT_EQ(registration.getBlurredFrame(), blurOf(prepared[1], handed[1], 3));
 }
 
 }  // namespace

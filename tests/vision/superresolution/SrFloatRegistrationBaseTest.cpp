@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "tests/vision/superresolution/ShiftedTexture.h"
+#include "vision/superresolution/SrFloatConvolution.h"
 
 namespace kelvo::vision {
 namespace {
@@ -163,6 +164,99 @@ TEST(SrFloatRegistrationBase, OpticalFlowRefinesSubPixelShifts) {
         EXPECT_NEAR(found.x, truth.x, 0.05) << truth;
         EXPECT_NEAR(found.y, truth.y, 0.05) << truth;
         EXPECT_GT(std::count(mask.begin(), mask.end(), 1), kPixels / 2) << truth;
+    }
+}
+
+// The Lucas-Kanade step as written, one pixel at a time: double sums in four lanes per
+// row (lane = column mod 4 within the region, the remainder in lane 0), each total
+// (lane 0 + lane 1) + (lane 2 + lane 3).
+struct PlainFlow {
+    cv::Point2f shift;
+    std::vector<float> error;
+    std::vector<char> mask;
+};
+
+PlainFlow plainOpticalFlow(const float* r, const float* f, const float* gx, const float* gy,
+                           int width, int height, cv::Point s, float regError) {
+    auto sum = [&](cv::Rect region, auto term) {
+        double lanes[4] = {};
+        const int full = region.width - region.width % 4;
+        for (int y = region.y; y < region.y + region.height; ++y) {
+            for (int i = 0; i < region.width; ++i) {
+                lanes[i < full ? i % 4 : 0] += term(y * width + region.x + i);
+            }
+        }
+        return (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+    };
+    const cv::Rect all(0, 0, width, height);
+    const cv::Rect overlap(std::max(0, -s.x), std::max(0, -s.y), width - std::abs(s.x),
+                           height - std::abs(s.y));
+    const cv::Rect strips[2] = {
+        cv::Rect(0, s.y >= 0 ? height - std::abs(s.y) : 0, width, std::abs(s.y)),
+        cv::Rect(s.x >= 0 ? width - std::abs(s.x) : 0, std::max(0, -s.y), std::abs(s.x),
+                 height - std::abs(s.y))};
+    const int offset = s.y * width + s.x;  // frame pixel of a reference pixel
+    auto xx = [&](int p) { return gx[p] * gx[p]; };
+    auto xy = [&](int p) { return gx[p] * gy[p]; };
+    auto yy = [&](int p) { return gy[p] * gy[p]; };
+    const double sxx =
+        static_cast<float>(sum(all, xx)) - ((0.0 + sum(strips[0], xx)) + sum(strips[1], xx));
+    const double sxy =
+        static_cast<float>(sum(all, xy)) - ((0.0 + sum(strips[0], xy)) + sum(strips[1], xy));
+    const double syy =
+        static_cast<float>(sum(all, yy)) - ((0.0 + sum(strips[0], yy)) + sum(strips[1], yy));
+    const double bx = sum(overlap, [&](int p) { return (f[p + offset] - r[p]) * gx[p]; });
+    const double by = sum(overlap, [&](int p) { return (f[p + offset] - r[p]) * gy[p]; });
+    const double det = syy * sxx - sxy * sxy;
+    const float ux = static_cast<float>((sxy * by - syy * bx) / det);
+    const float uy = static_cast<float>((sxy * bx - sxx * by) / det);
+    const float norm = static_cast<float>(1.0 / (sxx + syy));
+    PlainFlow out{{static_cast<float>(s.x) + ux, static_cast<float>(s.y) + uy},
+                  std::vector<float>(width * height, regError),
+                  std::vector<char>(width * height, 0)};
+    for (int y = overlap.y; y < overlap.y + overlap.height; ++y) {
+        for (int x = overlap.x; x < overlap.x + overlap.width; ++x) {
+            const int p = y * width + x;
+            const float residual = (gy[p] * uy + gx[p] * ux + f[p + offset]) - r[p];
+            out.error[p] = residual * residual * norm;
+        }
+    }
+    cv::Mat_<float> error(height, width, out.error.data());
+    cv::Mat_<float> blurred;
+    SrFloatConvolution::blurImageMeanFilter(error, 3, blurred);
+    const cv::Point rounded(static_cast<int>(std::floor(out.shift.x + 0.5f)),
+                            static_cast<int>(std::floor(out.shift.y + 0.5f)));
+    for (int y = std::max(0, -rounded.y); y < height - std::max(0, rounded.y); ++y) {
+        for (int x = std::max(0, -rounded.x); x < width - std::max(0, rounded.x); ++x) {
+            out.mask[y * width + x] = blurred(y, x) < regError ? 1 : 0;
+        }
+    }
+    return out;
+}
+
+// The vectorised sums, residuals and mask against the plain step, bit for bit, on an
+// odd width so that every row leaves a remainder after the four lanes.
+TEST(SrFloatRegistrationBase, OpticalFlowEqualsThePlainStepBitForBit) {
+    constexpr int width = 157;
+    constexpr int height = 93;
+    constexpr int margin = 8;
+    const cv::Mat_<float> scene = makeDoubleSizeTexture(width + 2 * margin, height + 2 * margin, 9);
+    const cv::Mat_<float> reference = cutShiftedFrame(scene, {0.0f, 0.0f}, margin);
+    ExposedRegistration registration(width, height, 2);
+    registration.computeReferenceGradients(reference.ptr<float>());
+    for (const auto& [truth, start] : std::vector<std::pair<cv::Point2f, cv::Point>>{
+             {{0.3f, -0.2f}, {0, 0}}, {{2.6f, -3.3f}, {3, -3}}, {{-4.4f, 1.35f}, {-4, 1}}}) {
+        const cv::Mat_<float> frame = cutShiftedFrame(scene, truth, margin);
+        std::vector<char> mask(width * height, 0);
+        const cv::Point2f shift = registration.opticalFlow(reference.ptr<float>(),
+                                                           frame.ptr<float>(), start, mask.data());
+        const PlainFlow plain = plainOpticalFlow(
+            reference.ptr<float>(), frame.ptr<float>(), registration.refGradX.data(),
+            registration.refGradY.data(), width, height, start, registration.getRegError());
+        EXPECT_EQ(shift, plain.shift) << truth;
+        EXPECT_EQ(registration.errorImage, plain.error) << truth;
+        EXPECT_EQ(mask, plain.mask) << truth;
+        EXPECT_GT(std::count(mask.begin(), mask.end(), 1), width * height / 2) << truth;
     }
 }
 

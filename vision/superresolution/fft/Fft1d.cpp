@@ -950,12 +950,12 @@ bool passg(int ido, int ip, int l1, int idl1, T* ccData, T* chData, const float*
 
 // ---------------------------------------------------------------------------------------
 // Drivers. `c` holds the data, `ch` is work space of the same size; the passes
-// alternate between them and the result is copied back into `c` when it ends in `ch`.
+// alternate between them, and the driver returns the one that holds the result.
 
 template <class T>
-void realForward(int n, T* c, T* ch, const float* wa, const int* factors) {
+T* realForward(int n, T* c, T* ch, const float* wa, const int* factors) {
     if (n <= 1) {
-        return;
+        return c;
     }
     const int nf = factors[1];
     bool inCh = true;  // toggled before each pass: true means the pass reads ch
@@ -1001,15 +1001,13 @@ void realForward(int n, T* c, T* ch, const float* wa, const int* factors) {
         }
         l2 = l1;
     }
-    if (!inCh) {
-        std::copy(ch, ch + n, c);
-    }
+    return inCh ? c : ch;
 }
 
 template <class T>
-void realBackward(int n, T* c, T* ch, const float* wa, const int* factors) {
+T* realBackward(int n, T* c, T* ch, const float* wa, const int* factors) {
     if (n <= 1) {
-        return;
+        return c;
     }
     const int nf = factors[1];
     bool inCh = false;  // where the data is before the next pass
@@ -1050,15 +1048,13 @@ void realBackward(int n, T* c, T* ch, const float* wa, const int* factors) {
         l1 = l2;
         iw += (ip - 1) * ido;
     }
-    if (inCh) {
-        std::copy(ch, ch + n, c);
-    }
+    return inCh ? ch : c;
 }
 
 template <bool Forward, class T>
-void complexTransform(int n, T* c, T* ch, const float* wa, const int* factors) {
+T* complexTransform(int n, T* c, T* ch, const float* wa, const int* factors) {
     if (n <= 1) {
-        return;
+        return c;
     }
     const int nf = factors[1];
     bool inCh = false;
@@ -1099,8 +1095,13 @@ void complexTransform(int n, T* c, T* ch, const float* wa, const int* factors) {
         l1 = l2;
         iw += (ip - 1) * idot;
     }
-    if (inCh) {
-        std::copy(ch, ch + 2 * n, c);
+    return inCh ? ch : c;
+}
+
+// The single transforms work in place: a result left in the work space is copied back.
+void keepInPlace(const float* result, int length, float* data) {
+    if (result != data) {
+        std::copy(result, result + length, data);
     }
 }
 
@@ -1139,11 +1140,11 @@ void rffti(int n, float* tables, int* factors) {
 }
 
 void rfftf(int n, float* data, float* tables, const int* factors) {
-    realForward(n, data, tables, tables + n, factors);
+    keepInPlace(realForward(n, data, tables, tables + n, factors), n, data);
 }
 
 void rfftb(int n, float* data, float* tables, const int* factors) {
-    realBackward(n, data, tables, tables + n, factors);
+    keepInPlace(realBackward(n, data, tables, tables + n, factors), n, data);
 }
 
 void cffti(int n, float* tables, int* factors) {
@@ -1186,31 +1187,31 @@ void cffti(int n, float* tables, int* factors) {
 }
 
 void cfftf(int n, float* data, float* tables, const int* factors) {
-    complexTransform<true>(n, data, tables, tables + 2 * n, factors);
+    keepInPlace(complexTransform<true>(n, data, tables, tables + 2 * n, factors), 2 * n, data);
 }
 
 void cfftb(int n, float* data, float* tables, const int* factors) {
-    complexTransform<false>(n, data, tables, tables + 2 * n, factors);
+    keepInPlace(complexTransform<false>(n, data, tables, tables + 2 * n, factors), 2 * n, data);
 }
 
-void rfftfLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
-                const int* factors) {
-    realForward(n, data, scratch, twiddles, factors);
+const FftLanes* rfftfLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
+                           const int* factors) {
+    return realForward(n, data, scratch, twiddles, factors);
 }
 
-void rfftbLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
-                const int* factors) {
-    realBackward(n, data, scratch, twiddles, factors);
+const FftLanes* rfftbLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
+                           const int* factors) {
+    return realBackward(n, data, scratch, twiddles, factors);
 }
 
-void cfftfLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
-                const int* factors) {
-    complexTransform<true>(n, data, scratch, twiddles, factors);
+const FftLanes* cfftfLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
+                           const int* factors) {
+    return complexTransform<true>(n, data, scratch, twiddles, factors);
 }
 
-void cfftbLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
-                const int* factors) {
-    complexTransform<false>(n, data, scratch, twiddles, factors);
+const FftLanes* cfftbLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
+                           const int* factors) {
+    return complexTransform<false>(n, data, scratch, twiddles, factors);
 }
 
 }  // namespace kelvo::vision

@@ -28,18 +28,20 @@ void cfftb(int n, float* data, float* tables, const int* factors);
 // Several transforms of one length at once: lane l of every element belongs to
 // transform l. Each lane goes through exactly the float operations of the single
 // transforms above, so the results agree bit for bit. `scratch` holds as many
-// elements as `data`; `twiddles` is the second half of the tables. Four lanes fill one
-// 128-bit vector register; wider vectors than the target's registers run far slower.
+// elements as `data`; `twiddles` is the second half of the tables. The passes
+// alternate between data and scratch, and the result is left in whichever the last
+// pass wrote, the one returned, rather than copied back. Four lanes fill one 128-bit
+// vector register; wider vectors than the target's registers run far slower.
 constexpr int fftLaneCount = 4;
 using FftLanes = float __attribute__((vector_size(fftLaneCount * sizeof(float))));
 
-void rfftfLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
-                const int* factors);
-void rfftbLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
-                const int* factors);
-void cfftfLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
-                const int* factors);
-void cfftbLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
-                const int* factors);
+const FftLanes* rfftfLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
+                           const int* factors);
+const FftLanes* rfftbLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
+                           const int* factors);
+const FftLanes* cfftfLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
+                           const int* factors);
+const FftLanes* cfftbLanes(int n, FftLanes* data, FftLanes* scratch, const float* twiddles,
+                           const int* factors);
 
 }  // namespace kelvo::vision

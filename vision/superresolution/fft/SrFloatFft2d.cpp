@@ -105,17 +105,17 @@ void SrFloatFft2d::loadRows(const float* firstRow) {
     }
 }
 
-void SrFloatFft2d::storeRows(float* firstRow) const {
+void SrFloatFft2d::storeRows(const FftLanes* lanes, float* firstRow) const {
     float* rows[fftLaneCount];
     for (int lane = 0; lane < fftLaneCount; ++lane) {
         rows[lane] = firstRow + lane * width;
     }
     int x = 0;
     for (; x + fftLaneCount <= width; x += fftLaneCount) {
-        FftLanes a = laneData[x];
-        FftLanes b = laneData[x + 1];
-        FftLanes c = laneData[x + 2];
-        FftLanes d = laneData[x + 3];
+        FftLanes a = lanes[x];
+        FftLanes b = lanes[x + 1];
+        FftLanes c = lanes[x + 2];
+        FftLanes d = lanes[x + 3];
         transpose(a, b, c, d);
         storeLanes(rows[0] + x, a);
         storeLanes(rows[1] + x, b);
@@ -124,30 +124,30 @@ void SrFloatFft2d::storeRows(float* firstRow) const {
     }
     for (; x < width; ++x) {
         for (int lane = 0; lane < fftLaneCount; ++lane) {
-            rows[lane][x] = laneData[x][lane];
+            rows[lane][x] = lanes[x][lane];
         }
     }
 }
 
-// Packed row spectra of four rows in laneData -> rows of the half spectrum:
+// Packed row spectra of four rows in `lanes` -> rows of the half spectrum:
 // X[0], (Re X[k], Im X[k]) for k = 1 .. half - 1, X[half].
-void SrFloatFft2d::storeRowSpectra(float (*firstRow)[2]) const {
+void SrFloatFft2d::storeRowSpectra(const FftLanes* lanes, float (*firstRow)[2]) const {
     const int columns = width / 2 + 1;
     const int half = width / 2;
     float(*rows[fftLaneCount])[2];
     for (int lane = 0; lane < fftLaneCount; ++lane) {
         rows[lane] = firstRow + lane * columns;
-        rows[lane][0][0] = laneData[0][lane];
+        rows[lane][0][0] = lanes[0][lane];
         rows[lane][0][1] = 0.0f;
-        rows[lane][half][0] = laneData[width - 1][lane];
+        rows[lane][half][0] = lanes[width - 1][lane];
         rows[lane][half][1] = 0.0f;
     }
     int k = 1;
     for (; k + 1 < half; k += 2) {
-        FftLanes re = laneData[2 * k - 1];
-        FftLanes im = laneData[2 * k];
-        FftLanes nextRe = laneData[2 * k + 1];
-        FftLanes nextIm = laneData[2 * k + 2];
+        FftLanes re = lanes[2 * k - 1];
+        FftLanes im = lanes[2 * k];
+        FftLanes nextRe = lanes[2 * k + 1];
+        FftLanes nextIm = lanes[2 * k + 2];
         transpose(re, im, nextRe, nextIm);
         storeLanes(rows[0][k], re);
         storeLanes(rows[1][k], im);
@@ -156,8 +156,8 @@ void SrFloatFft2d::storeRowSpectra(float (*firstRow)[2]) const {
     }
     for (; k < half; ++k) {
         for (int lane = 0; lane < fftLaneCount; ++lane) {
-            rows[lane][k][0] = laneData[2 * k - 1][lane];
-            rows[lane][k][1] = laneData[2 * k][lane];
+            rows[lane][k][0] = lanes[2 * k - 1][lane];
+            rows[lane][k][1] = lanes[2 * k][lane];
         }
     }
 }
@@ -193,8 +193,9 @@ void SrFloatFft2d::forward(const float* image, float (*spectrum)[2]) {
 
     for (int y0 = 0; y0 < laneRows; y0 += fftLaneCount) {
         loadRows(image + y0 * width);
-        rfftfLanes(width, laneData.data(), laneScratch.data(), rowTwiddles, rowFactors.data());
-        storeRowSpectra(spectrum + y0 * columns);
+        storeRowSpectra(
+            rfftfLanes(width, laneData.data(), laneScratch.data(), rowTwiddles, rowFactors.data()),
+            spectrum + y0 * columns);
     }
     float* line = scratch.data();
     for (int y = laneRows; y < height; ++y) {
@@ -213,9 +214,10 @@ void SrFloatFft2d::forward(const float* image, float (*spectrum)[2]) {
 
     for (int k0 = 0; k0 < laneColumns; k0 += fftLaneCount) {
         loadColumns(spectrum, k0);
-        cfftfLanes(height, laneData.data(), laneScratch.data(), colTwiddles, colFactors.data());
+        const FftLanes* lanes =
+            cfftfLanes(height, laneData.data(), laneScratch.data(), colTwiddles, colFactors.data());
         for (int y = 0; y < height; ++y) {
-            storePairs(spectrum[y * columns + k0], laneData[2 * y], laneData[2 * y + 1]);
+            storePairs(spectrum[y * columns + k0], lanes[2 * y], lanes[2 * y + 1]);
         }
     }
     float* column = scratch.data() + width;
@@ -244,15 +246,16 @@ void SrFloatFft2d::backward(const float (*spectrum)[2], float* image) {
     // are zero for a real image and are dropped.
     for (int k0 = 0; k0 < laneColumns; k0 += fftLaneCount) {
         loadColumns(spectrum, k0);
-        cfftbLanes(height, laneData.data(), laneScratch.data(), colTwiddles, colFactors.data());
+        const FftLanes* lanes =
+            cfftbLanes(height, laneData.data(), laneScratch.data(), colTwiddles, colFactors.data());
         const bool inner = k0 > 0 && k0 + fftLaneCount - 1 < half;
         for (int y = 0; y < height; ++y) {
             if (inner) {
-                storePairs(image + y * width + 2 * k0 - 1, laneData[2 * y], laneData[2 * y + 1]);
+                storePairs(image + y * width + 2 * k0 - 1, lanes[2 * y], lanes[2 * y + 1]);
             } else {
                 for (int lane = 0; lane < fftLaneCount; ++lane) {
-                    storePackedColumn(k0 + lane, y, laneData[2 * y][lane],
-                                      laneData[2 * y + 1][lane], image);
+                    storePackedColumn(k0 + lane, y, lanes[2 * y][lane], lanes[2 * y + 1][lane],
+                                      image);
                 }
             }
         }
@@ -271,8 +274,9 @@ void SrFloatFft2d::backward(const float (*spectrum)[2], float* image) {
 
     for (int y0 = 0; y0 < laneRows; y0 += fftLaneCount) {
         loadRows(image + y0 * width);
-        rfftbLanes(width, laneData.data(), laneScratch.data(), rowTwiddles, rowFactors.data());
-        storeRows(image + y0 * width);
+        storeRows(
+            rfftbLanes(width, laneData.data(), laneScratch.data(), rowTwiddles, rowFactors.data()),
+            image + y0 * width);
     }
     for (int y = laneRows; y < height; ++y) {
         rfftb(width, image + y * width, rowTables.data(), rowFactors.data());

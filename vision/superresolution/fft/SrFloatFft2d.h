@@ -48,8 +48,8 @@ public:
 private:
     void checkRadius(int radius) const;
     void loadRows(const float* firstRow);
-    void storeRows(float* firstRow) const;
-    void storeRowSpectra(float (*firstRow)[2]) const;
+    void storeRows(const FftLanes* lanes, float* firstRow) const;
+    void storeRowSpectra(const FftLanes* lanes, float (*firstRow)[2]) const;
     void loadColumns(const float (*spectrum)[2], int firstColumn);
     void storePackedColumn(int column, int y, float re, float im, float* image) const;
     void convolveRowCircular(const float* row, const float* kernel, int radius, float* out) const;

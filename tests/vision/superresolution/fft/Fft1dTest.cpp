@@ -226,25 +226,29 @@ TEST(Fft1d, LaneTransformsMatchSingleTransformsBitForBit) {
                         break;
                 }
             }
+            const FftLanes* result = nullptr;
             switch (transform) {
                 case 0:
-                    rfftfLanes(n, lanes.data(), scratch.data(), realTables.data() + n, realFactors);
+                    result = rfftfLanes(n, lanes.data(), scratch.data(), realTables.data() + n,
+                                        realFactors);
                     break;
                 case 1:
-                    rfftbLanes(n, lanes.data(), scratch.data(), realTables.data() + n, realFactors);
+                    result = rfftbLanes(n, lanes.data(), scratch.data(), realTables.data() + n,
+                                        realFactors);
                     break;
                 case 2:
-                    cfftfLanes(n, lanes.data(), scratch.data(), complexTables.data() + 2 * n,
-                               complexFactors);
+                    result = cfftfLanes(n, lanes.data(), scratch.data(),
+                                        complexTables.data() + 2 * n, complexFactors);
                     break;
                 default:
-                    cfftbLanes(n, lanes.data(), scratch.data(), complexTables.data() + 2 * n,
-                               complexFactors);
+                    result = cfftbLanes(n, lanes.data(), scratch.data(),
+                                        complexTables.data() + 2 * n, complexFactors);
                     break;
             }
+            ASSERT_TRUE(result == lanes.data() || result == scratch.data());
             for (int lane = 0; lane < fftLaneCount; ++lane) {
                 for (int j = 0; j < length; ++j) {
-                    ASSERT_EQ(lanes[j][lane], singles[lane][j])
+                    ASSERT_EQ(result[j][lane], singles[lane][j])
                         << "transform " << transform << " lane " << lane << " j " << j;
                 }
             }
