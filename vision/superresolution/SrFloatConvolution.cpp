@@ -303,7 +303,8 @@ void SrFloatConvolution::accumulateFullConvFromSparse(int count, const float* co
 // horizontal taps of all frames (convolveRows). Every element thus sees the tap
 // order of the two passes taken whole and the frames in their order, while the rows
 // being worked on stay in the first level cache. The masked frame rows m .* y, each
-// needed by kernelHeight full rows, are formed once into a ring per frame.
+// needed by kernelHeight full rows, are formed once into a ring per frame, unless
+// the frames come masked already (masks == nullptr).
 template <bool Accumulate>
 void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRes,
                                             const float* const* psfX, const float* const* psfY,
@@ -322,7 +323,7 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
         int rowsMasked = std::max(firstRow / kVerticalStep - ringRows + 1, 0);
         for (int t = firstRow; t < endRow; ++t) {
             const int rowsNeeded = std::min(t / kVerticalStep + 1, lrHeight);
-            for (; rowsMasked < rowsNeeded; ++rowsMasked) {
+            for (; masks != nullptr && rowsMasked < rowsNeeded; ++rowsMasked) {
                 const int offset = rowsMasked * lrWidth;
                 for (int k = 0; k < group; ++k) {
                     maskRow(lowRes[first + k] + offset, masks[first + k] + offset, lrWidth,
@@ -334,7 +335,9 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
                 for (int i = t % kVerticalStep; i < kernelHeight && i <= t; i += kVerticalStep) {
                     const int r = (t - i) / kVerticalStep;
                     if (r < lrHeight) {
-                        runRows[taps] = rings + k * ringSize + (r % ringRows) * lrWidth;
+                        runRows[taps] = masks != nullptr
+                                            ? rings + k * ringSize + (r % ringRows) * lrWidth
+                                            : lowRes[first + k] + r * lrWidth;
                         runTaps[taps] = psfY[first + k][i];
                         ++taps;
                     }
@@ -364,7 +367,7 @@ void SrFloatConvolution::validCorrToSparse(float* const full, float* const psfX,
 // into its phases once for all frames.
 void SrFloatConvolution::validCorrToSparse(int count, const float* full, const float* const* psfX,
                                            const float* const* psfY, float* const* lowResOut,
-                                           int firstRow, int endRow) {
+                                           int firstRow, int endRow, const char* const* masks) {
     const int ringSize = kernelHeight * lrWidth;
     if (ringSize == 0) {
         return;
@@ -400,8 +403,11 @@ void SrFloatConvolution::validCorrToSparse(int count, const float* full, const f
                     runRows[i] =
                         rings + k * ringSize + ((kVerticalStep * r + i) % kernelHeight) * lrWidth;
                 }
-                sumScaledRows(runRows.data(), psfY[first + k], taps, lrWidth,
-                              lowResOut[first + k] + r * lrWidth);
+                float* sampled = lowResOut[first + k] + r * lrWidth;
+                sumScaledRows(runRows.data(), psfY[first + k], taps, lrWidth, sampled);
+                if (masks != nullptr) {
+                    maskRow(sampled, masks[first + k] + r * lrWidth, lrWidth, sampled);
+                }
             }
         }
     }

@@ -38,9 +38,12 @@ public:
     //   rows [firstRow, endRow) of out += H_0^T (m_0 .* y_0), += H_1^T (m_1 .* y_1), ...
     // A band reads the rows of full, or of the frames, that its sums need, and
     // nothing is carried from one call to the next.
+    // With masks, the rows of lowResOut[k] come out multiplied by the mask,
+    // m_k .* H_k full, which the adjoint takes with masks == nullptr: a solver that
+    // applies both in turn then masks each sample once, as it is produced.
     void validCorrToSparse(int count, const float* full, const float* const* psfX,
                            const float* const* psfY, float* const* lowResOut, int firstRow,
-                           int endRow);
+                           int endRow, const char* const* masks = nullptr);
     void accumulateFullConvFromSparse(int count, const float* const* lowRes,
                                       const float* const* psfX, const float* const* psfY,
                                       const char* const* masks, float* out, int firstRow,

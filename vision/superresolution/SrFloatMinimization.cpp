@@ -32,10 +32,31 @@ void updateThenSum(int begin, int end, Update update, Sum sum) {
     }
 }
 
+// The element-wise loops of conjugate gradients, each a function of its own: loops
+// in lambdas would be built for the baseline instruction set only.
 // p[i] = beta p[i] + r[i] for i in [begin, end)
 KELVO_VECTOR_CLONES void scaleAndAdd(float beta, const float* r, int begin, int end, float* p) {
     for (int i = begin; i < end; ++i) {
         p[i] = beta * p[i] + r[i];
+    }
+}
+
+// r[i] = b[i] - r[i] and p[i] = r[i] for i in [begin, end): the first residual of a
+// restart is also its first direction.
+KELVO_VECTOR_CLONES void residualAndDirection(const float* b, int begin, int end,
+                                              float* __restrict r, float* __restrict p) {
+    for (int i = begin; i < end; ++i) {
+        r[i] = b[i] - r[i];
+        p[i] = r[i];
+    }
+}
+
+// x[i] += alpha p[i] and r[i] -= alpha ap[i] for i in [begin, end)
+KELVO_VECTOR_CLONES void stepAlong(float alpha, const float* p, const float* ap, int begin, int end,
+                                   float* __restrict x, float* __restrict r) {
+    for (int i = begin; i < end; ++i) {
+        x[i] += alpha * p[i];
+        r[i] -= alpha * ap[i];
     }
 }
 
@@ -122,7 +143,8 @@ KELVO_VECTOR_CLONES void restoreCropped(const float* estimate, int fullWidth, in
     }
 }
 
-SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor)
+TvReconstructionBase::TvReconstructionBase(int lrWidth, int lrHeight, int maxFrames, float factor,
+                                           int spareFloats)
     : lrWidth(lrWidth),
       lrHeight(lrHeight),
       psfSize(static_cast<int>(factor * 3.0f)),
@@ -136,22 +158,15 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
       basePsf(psfSize),
       psfX(maxFrames, std::vector<float>(psfSize)),
       psfY(maxFrames, std::vector<float>(psfSize)),
-      psfXTable(maxFrames),
-      psfYTable(maxFrames),
-      convolution(static_cast<int>(static_cast<float>(lrWidth) * factor),
-                  static_cast<int>(static_cast<float>(lrHeight) * factor), psfSize, psfSize,
-                  factor),
-      lowResScratch(maxFrames, std::vector<float>(static_cast<size_t>(lrWidth) * lrHeight)),
-      lowResTable(maxFrames),
-      rhs(fullSize),
-      estimate(fullSize),
-      weightRight(fullSize),
-      weightDown(fullSize),
-      weightDownLeft(fullSize),
-      weightDownRight(fullSize),
-      residual(fullSize),
-      direction(fullSize),
-      operatorDirection(fullSize) {
+      rhs(fullSize + spareFloats),
+      estimate(fullSize + spareFloats),
+      weightRight(fullSize + spareFloats),
+      weightDown(fullSize + spareFloats),
+      weightDownLeft(fullSize + spareFloats),
+      weightDownRight(fullSize + spareFloats),
+      residual(fullSize + spareFloats),
+      direction(fullSize + spareFloats),
+      operatorDirection(fullSize + spareFloats) {
     setPsfSigma(0.683f);
     setWeightTV(400.0f);
     setEpsilon(0.1f);
@@ -159,20 +174,32 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
     setMaxIter(8);
 }
 
-void SrFloatMinimization::setWeightTV(float value) {
+TvWeights TvReconstructionBase::tvWeights() {
+    return {weightRight.data(), weightDown.data(), weightDownLeft.data(), weightDownRight.data()};
+}
+
+void TvReconstructionBase::setWeightTV(float value) {
     weightTV = value;
     negInvWeightTV = -1.0f / value;
 }
 
-void SrFloatMinimization::setEpsilon(float value) {
+void TvReconstructionBase::setEpsilon(float value) {
     epsilon = value;
     invEpsilon = 1.0f / value;
 }
 
-void SrFloatMinimization::setPsfSigma(float value) {
+void TvReconstructionBase::setPsfSigma(float value) {
     psfSigma = value;
     buildBasePsf(factor, value, basePsf.data(), psfSize);
 }
+
+SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor)
+    : TvReconstructionBase(lrWidth, lrHeight, maxFrames, factor),
+      psfXTable(maxFrames),
+      psfYTable(maxFrames),
+      convolution(highResWidth(), highResHeight(), psfSize, psfSize, factor),
+      lowResScratch(maxFrames, std::vector<float>(static_cast<size_t>(lrWidth) * lrHeight)),
+      lowResTable(maxFrames) {}
 
 KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refIndex,
                                                       float** const frames,
@@ -215,16 +242,15 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
     const int total = runRestarts(
         maxIter, [&](int budgetLeft) { return conjugateGradients(numFrames, masks, budgetLeft); });
 
-    restoreCropped(estimate.data(), fullWidth, (psfSize - 1) / 2,
-                   static_cast<int>(static_cast<float>(lrWidth) * factor),
-                   static_cast<int>(static_cast<float>(lrHeight) * factor), deviation, meanValue,
-                   result);
+    restoreCropped(estimate.data(), fullWidth, (psfSize - 1) / 2, highResWidth(), highResHeight(),
+                   deviation, meanValue, result);
     return total;
 }
 
 KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, char** masks,
                                                                 int maxIter) {
     float* r = residual.data();
+    float* p = direction.data();
     const float* b = rhs.data();
     LaneSum norm;
     // The TV weights of each band are computed from the estimate just before the
@@ -232,11 +258,7 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
     gradient(
         estimate.data(), numFrames, masks, r,
         [&](int begin, int end) { computeL(begin / fullWidth, end / fullWidth); },
-        [&](int begin, int end) {
-            for (int i = begin; i < end; ++i) {
-                r[i] = b[i] - r[i];
-            }
-        },
+        [&](int begin, int end) { residualAndDirection(b, begin, end, r, p); },
         [&](int begin, int end) {
             norm.add(begin, end, [&](int i) { return static_cast<double>(r[i] * r[i]); });
         });
@@ -253,9 +275,9 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
 }
 
 // One step of conjugate gradients. The new direction p = beta p + r of the previous
-// step (p = r in the first step of a restart) is formed row by row just before the
-// operator reads it, which spares one pass over the image; a step that converges
-// leaves it unformed, as nothing reads it any more.
+// step is formed row by row just before the operator reads it, which spares one pass
+// over the image; a step that converges leaves it unformed, as nothing reads it any
+// more. The first step of a restart finds p = r formed with the residual.
 KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
     float* x = estimate.data();
     float* r = residual.data();
@@ -266,9 +288,7 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     gradient(
         p, numFrames, masks, ap,
         [&](int begin, int end) {
-            if (index == 0) {
-                std::copy(r + begin, r + end, p + begin);
-            } else {
+            if (index > 0) {
                 scaleAndAdd(beta, r, begin, end, p);
             }
         },
@@ -278,16 +298,11 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
         });
     const float alpha = static_cast<float>(residualNorm2 / pAp.total());
     LaneSum norm;
-    updateThenSumAll(
-        [&](int first, int last) {
-            for (int i = first; i < last; ++i) {
-                x[i] += alpha * p[i];
-                r[i] -= alpha * ap[i];
-            }
-        },
-        [&](int first, int last) {
-            norm.add(first, last, [&](int i) { return static_cast<double>(r[i] * r[i]); });
-        });
+    updateThenSumAll([&](int first, int last) { stepAlong(alpha, p, ap, first, last, x, r); },
+                     [&](int first, int last) {
+                         norm.add(first, last,
+                                  [&](int i) { return static_cast<double>(r[i] * r[i]); });
+                     });
     const double newNorm2 = norm.total();
     if (static_cast<double>(relRes * relRes) > static_cast<double>(invRhsNorm2) * newNorm2) {
         return true;
@@ -295,10 +310,6 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     directionBeta = static_cast<float>(newNorm2 / residualNorm2);
     residualNorm2 = static_cast<float>(newNorm2);
     return false;
-}
-
-TvWeights SrFloatMinimization::tvWeights() {
-    return {weightRight.data(), weightDown.data(), weightDownLeft.data(), weightDownRight.data()};
 }
 
 void SrFloatMinimization::computeL(int firstRow, int endRow) {
@@ -328,13 +339,13 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames,
             const int lowResEnd = std::min((end + 1) / 2, lrHeight);
             convolutionOf(stripe).validCorrToSparse(numFrames, in, psfXTable.data(),
                                                     psfYTable.data(), lowResTable.data(),
-                                                    lowResBegin, lowResEnd);
+                                                    lowResBegin, lowResEnd, masks);
         });
         forEachBand([&](int stripe, int first, int end) {
             applyStencil(in, first * fullWidth, end * fullWidth, out);
             convolutionOf(stripe).accumulateFullConvFromSparse(numFrames, lowResTable.data(),
                                                                psfXTable.data(), psfYTable.data(),
-                                                               masks, out, first, end);
+                                                               nullptr, out, first, end);
             finishRows(first * fullWidth, end * fullWidth);
         });
         sumRows(0, fullSize);
@@ -354,11 +365,11 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames,
             prepared = rowsRead;
         }
         convolution.validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
-                                      lowResTable.data(), lowResDone, lowResNeeded);
+                                      lowResTable.data(), lowResDone, lowResNeeded, masks);
         lowResDone = std::max(lowResDone, lowResNeeded);
         applyStencil(in, first * fullWidth, end * fullWidth, out);
         convolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
-                                                 psfYTable.data(), masks, out, first, end);
+                                                 psfYTable.data(), nullptr, out, first, end);
         updateThenSum(first * fullWidth, end * fullWidth, finishRows, sumRows);
     }
 }

@@ -30,16 +30,14 @@ struct TvWeights {
     float* downRight;
 };
 
-class SrFloatMinimization {
+// What every reconstruction of the library shares: the sizes of the frames and of the
+// full image (the high-resolution image with a PSF margin), the parameters with their
+// defaults, the centred base PSF, the tables of per-frame PSFs and the images of the
+// solve.
+class TvReconstructionBase {
 public:
-    SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor);
-
-    // Writes the (int)(h f) x (int)(w f) result and returns the conjugate-gradient
-    // iterations spent. The frames are normalised in place.
-    int minimize(int numFrames, int refIndex, float** const frames, cv::Point_<float>* const shifts,
-                 char** masks, float* result);
-
     float getPsfSigma() const { return psfSigma; }
+    // Rebuilds the base PSF.
     void setPsfSigma(float value);
     float getWeightTV() const { return weightTV; }
     void setWeightTV(float value);
@@ -49,30 +47,22 @@ public:
     void setRelRes(float value) { relRes = value; }
     int getMaxIter() const { return maxIter; }
     void setMaxIter(int value) { maxIter = value; }
-    // Threads that share each operator application (1: all work on the caller's
-    // thread). The result is the same for any count: the image is cut into the same
-    // bands whatever the count, and every sum runs over the image in the same order.
-    int getThreads() const { return threads; }
-    void setThreads(int count);
 
     int getPsfSize() const { return psfSize; }
     const float* getBasePsf() const { return basePsf.data(); }
+    int getFullWidth() const { return fullWidth; }
+    int getFullHeight() const { return fullHeight; }
 
-private:
-    int conjugateGradients(int numFrames, char** masks, int maxIter);
-    // The TV weights of the pixels in rows [firstRow, endRow).
-    void computeL(int firstRow, int endRow);
-    template <typename PrepareRows, typename FinishRows, typename SumRows>
-    void gradient(float* in, int numFrames, char** masks, float* out, PrepareRows prepareRows,
-                  FinishRows finishRows, SumRows sumRows);
-    template <typename Work>
-    void forEachBand(Work work);
-    template <typename Update, typename Sum>
-    void updateThenSumAll(Update update, Sum sum);
-    SrFloatConvolution& convolutionOf(int stripe);
-    bool iteration(int index, int numFrames, char** masks);
-    void applyStencil(const float* in, int begin, int end, float* out);
+protected:
+    // Sizes for frames of lrWidth x lrHeight at `factor`, PSF tables for maxFrames
+    // frames, and the defaults: sigma 0.683, weightTV 400, epsilon 0.1, relRes 0.007,
+    // 8 iterations. The images carry spareFloats zeros past their end.
+    TvReconstructionBase(int lrWidth, int lrHeight, int maxFrames, float factor,
+                         int spareFloats = 0);
     TvWeights tvWeights();
+    // The (int)(w f) x (int)(h f) high-resolution image without the margin.
+    int highResWidth() const { return static_cast<int>(static_cast<float>(lrWidth) * factor); }
+    int highResHeight() const { return static_cast<int>(static_cast<float>(lrHeight) * factor); }
 
     int lrWidth;
     int lrHeight;
@@ -89,6 +79,55 @@ private:
     std::vector<float> basePsf;
     std::vector<std::vector<float>> psfX;
     std::vector<std::vector<float>> psfY;
+    // -1 / weightTV, and the clamps [epsilon, 1 / epsilon] of the gradient magnitudes.
+    float negInvWeightTV = 0.0f;
+    float epsilon = 0.0f;
+    float invEpsilon = 0.0f;
+    // The images of the solve, fullSize floats each (and the spare floats), and the
+    // norms that conjugate gradients carries from step to step.
+    std::vector<float> rhs;
+    std::vector<float> estimate;
+    std::vector<float> weightRight;
+    std::vector<float> weightDown;
+    std::vector<float> weightDownLeft;
+    std::vector<float> weightDownRight;
+    std::vector<float> residual;
+    std::vector<float> direction;
+    std::vector<float> operatorDirection;
+    float residualNorm2 = 0.0f;
+    float invRhsNorm2 = 0.0f;
+};
+
+class SrFloatMinimization : public TvReconstructionBase {
+public:
+    SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor);
+
+    // Writes the (int)(h f) x (int)(w f) result and returns the conjugate-gradient
+    // iterations spent. The frames are normalised in place.
+    int minimize(int numFrames, int refIndex, float** const frames, cv::Point_<float>* const shifts,
+                 char** masks, float* result);
+
+    // Threads that share each operator application (1: all work on the caller's
+    // thread). The result is the same for any count: the image is cut into the same
+    // bands whatever the count, and every sum runs over the image in the same order.
+    int getThreads() const { return threads; }
+    void setThreads(int count);
+
+private:
+    int conjugateGradients(int numFrames, char** masks, int maxIter);
+    // The TV weights of the pixels in rows [firstRow, endRow).
+    void computeL(int firstRow, int endRow);
+    template <typename PrepareRows, typename FinishRows, typename SumRows>
+    void gradient(float* in, int numFrames, char** masks, float* out, PrepareRows prepareRows,
+                  FinishRows finishRows, SumRows sumRows);
+    template <typename Work>
+    void forEachBand(Work work);
+    template <typename Update, typename Sum>
+    void updateThenSumAll(Update update, Sum sum);
+    SrFloatConvolution& convolutionOf(int stripe);
+    bool iteration(int index, int numFrames, char** masks);
+    void applyStencil(const float* in, int begin, int end, float* out);
+
     // The tables of the per-frame buffers, as the convolution takes them; filled by
     // each minimize, so that they point into the object's own buffers after a copy.
     std::vector<const float*> psfXTable;
@@ -101,20 +140,6 @@ private:
     // H_k x of every frame within one operator application.
     std::vector<std::vector<float>> lowResScratch;
     std::vector<float*> lowResTable;
-    std::vector<float> rhs;
-    std::vector<float> estimate;
-    std::vector<float> weightRight;
-    std::vector<float> weightDown;
-    std::vector<float> weightDownLeft;
-    std::vector<float> weightDownRight;
-    std::vector<float> residual;
-    std::vector<float> direction;
-    std::vector<float> operatorDirection;
-    float negInvWeightTV = 0.0f;
-    float epsilon = 0.0f;
-    float invEpsilon = 0.0f;
-    float residualNorm2 = 0.0f;
-    float invRhsNorm2 = 0.0f;
     // beta of the direction update still to be applied (see iteration).
     float directionBeta = 0.0f;
 };

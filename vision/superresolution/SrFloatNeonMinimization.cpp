@@ -32,54 +32,10 @@ void addInto(float* a, const float* b, int count) {
 
 SrFloatNeonMinimization::SrFloatNeonMinimization(int lrWidth, int lrHeight, int maxFrames,
                                                  float factor)
-    : lrWidth(lrWidth),
-      lrHeight(lrHeight),
-      psfSize(static_cast<int>(factor * 3.0f)),
-      fullWidth(static_cast<int>(static_cast<float>(lrWidth) * factor +
-                                 static_cast<float>(psfSize) - 1.0f)),
-      fullHeight(static_cast<int>(static_cast<float>(lrHeight) * factor +
-                                  static_cast<float>(psfSize) - 1.0f)),
-      fullSize(fullWidth * fullHeight),
-      maxFrames(maxFrames),
-      factor(factor),
-      basePsf(psfSize),
-      psfX(maxFrames, std::vector<float>(psfSize)),
-      psfY(maxFrames, std::vector<float>(psfSize)),
-      convolution(static_cast<int>(static_cast<float>(lrWidth) * factor),
-                  static_cast<int>(static_cast<float>(lrHeight) * factor), psfSize, psfSize,
-                  factor),
+    : TvReconstructionBase(lrWidth, lrHeight, maxFrames, factor, kSpare),
+      convolution(highResWidth(), highResHeight(), psfSize, psfSize, factor),
       lowResScratch(static_cast<size_t>(lrWidth) * lrHeight + kSpare, 0.0f),
-      convScratch(fullSize + kSpare, 0.0f),
-      rhs(fullSize + kSpare, 0.0f),
-      estimate(fullSize + kSpare, 0.0f),
-      weightRight(fullSize),
-      weightDown(fullSize),
-      weightDownLeft(fullSize),
-      weightDownRight(fullSize),
-      residual(fullSize + kSpare, 0.0f),
-      direction(fullSize + kSpare, 0.0f),
-      operatorDirection(fullSize + kSpare, 0.0f) {
-    setPsfSigma(0.683f);
-    setWeightTV(400.0f);
-    setEpsilon(0.1f);
-    setRelRes(0.007f);
-    setMaxIter(8);
-}
-
-void SrFloatNeonMinimization::setPsfSigma(float value) {
-    psfSigma = value;
-    buildBasePsf(factor, value, basePsf.data(), psfSize);
-}
-
-void SrFloatNeonMinimization::setWeightTV(float value) {
-    weightTV = value;
-    negInvWeightTV = -1.0f / value;
-}
-
-void SrFloatNeonMinimization::setEpsilon(float value) {
-    epsilon = value;
-    invEpsilon = 1.0f / value;
-}
+      convScratch(fullSize + kSpare, 0.0f) {}
 
 int SrFloatNeonMinimization::minimize(int numFrames, int refIndex, float** const frames,
                                       cv::Point_<float>* const shifts, float** masks,
@@ -119,18 +75,14 @@ int SrFloatNeonMinimization::minimize(int numFrames, int refIndex, float** const
     const int total = runRestarts(
         maxIter, [&](int budgetLeft) { return conjugateGradients(numFrames, masks, budgetLeft); });
 
-    restoreCropped(estimate.data(), fullWidth, (psfSize - 1) / 2,
-                   static_cast<int>(static_cast<float>(lrWidth) * factor),
-                   static_cast<int>(static_cast<float>(lrHeight) * factor), deviation, meanValue,
-                   result);
+    restoreCropped(estimate.data(), fullWidth, (psfSize - 1) / 2, highResWidth(), highResHeight(),
+                   deviation, meanValue, result);
     return total;
 }
 
 void SrFloatNeonMinimization::computeL() {
-    computeTvWeights(
-        estimate.data(), fullWidth, fullHeight, negInvWeightTV, epsilon, invEpsilon,
-        {weightRight.data(), weightDown.data(), weightDownLeft.data(), weightDownRight.data()}, 0,
-        fullHeight);
+    computeTvWeights(estimate.data(), fullWidth, fullHeight, negInvWeightTV, epsilon, invEpsilon,
+                     tvWeights(), 0, fullHeight);
 }
 
 int SrFloatNeonMinimization::conjugateGradients(int numFrames, float** masks, int maxIter) {
@@ -231,8 +183,7 @@ void SrFloatNeonMinimization::applyStencil(const float* in, float* out) {
         sum = vmlaq_f32(sum, at(downLeft, i - w + 1), at(in, i - w + 1));
         vst1q_f32(out + i, sum);
     }
-    const TvWeights weights{weightRight.data(), weightDown.data(), weightDownLeft.data(),
-                            weightDownRight.data()};
+    const TvWeights weights = tvWeights();
     for (int i = 0; i < interiorBegin; ++i) {
         out[i] = tvStencilAt(in, i, w, fullSize, weights);
     }

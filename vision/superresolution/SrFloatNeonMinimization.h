@@ -17,7 +17,7 @@ namespace kelvo::vision {
 //
 // Frames and masks handed to minimize need SrFloatNeonConvolution::kSpareFloats
 // readable floats past their end.
-class SrFloatNeonMinimization {
+class SrFloatNeonMinimization : public TvReconstructionBase {
 public:
     SrFloatNeonMinimization(int lrWidth, int lrHeight, int maxFrames, float factor);
 
@@ -26,20 +26,6 @@ public:
     int minimize(int numFrames, int refIndex, float** const frames, cv::Point_<float>* const shifts,
                  float** masks, float* result);
 
-    float getPsfSigma() const { return psfSigma; }
-    void setPsfSigma(float value);
-    float getWeightTV() const { return weightTV; }
-    void setWeightTV(float value);
-    float getEpsilon() const { return epsilon; }
-    void setEpsilon(float value);
-    float getRelRes() const { return relRes; }
-    void setRelRes(float value) { relRes = value; }
-    int getMaxIter() const { return maxIter; }
-    void setMaxIter(int value) { maxIter = value; }
-
-    int getPsfSize() const { return psfSize; }
-    const float* getBasePsf() const { return basePsf.data(); }
-
 private:
     int conjugateGradients(int numFrames, float** masks, int maxIter);
     void computeL();
@@ -47,39 +33,10 @@ private:
     bool iteration(int index, int numFrames, float** masks);
     void applyStencil(const float* in, float* out);
 
-    int lrWidth;
-    int lrHeight;
-    int psfSize;
-    int fullWidth;
-    int fullHeight;
-    int fullSize;
-    [[maybe_unused]] int maxFrames;  // the PSF tables are sized by it
-    float factor;
-    float psfSigma = 0.0f;
-    float weightTV = 0.0f;
-    float relRes = 0.0f;
-    int maxIter = 0;
-    std::vector<float> basePsf;
-    std::vector<std::vector<float>> psfX;
-    std::vector<std::vector<float>> psfY;
     SrFloatNeonConvolution convolution;
     // Image buffers carry spare zero floats past their end for the four-lane loops.
     std::vector<float> lowResScratch;
     std::vector<float> convScratch;
-    std::vector<float> rhs;
-    std::vector<float> estimate;
-    std::vector<float> weightRight;
-    std::vector<float> weightDown;
-    std::vector<float> weightDownLeft;
-    std::vector<float> weightDownRight;
-    std::vector<float> residual;
-    std::vector<float> direction;
-    std::vector<float> operatorDirection;
-    float negInvWeightTV = 0.0f;
-    float epsilon = 0.0f;
-    float invEpsilon = 0.0f;
-    float residualNorm2 = 0.0f;
-    float invRhsNorm2 = 0.0f;
 };
 
 }  // namespace kelvo::vision

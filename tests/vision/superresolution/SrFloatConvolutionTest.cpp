@@ -170,6 +170,35 @@ TEST(SrFloatConvolution, SeveralFramesInBandsMatchOneFrameAtATime) {
         }
         EXPECT_EQ(std::memcmp(expected.data(), accumulated.data(), expected.size() * sizeof(float)),
                   0);
+
+        // Samples masked as they are produced go into the adjoint as they are: the
+        // solver's product of the two sweeps, exactly.
+        for (int b = 0; b + 1 < 5; ++b) {
+            convolution.validCorrToSparse(frames, full.data(), psfX.data(), psfY.data(),
+                                          lowResTable.data(), bands[b], bands[b + 1], masks.data());
+        }
+        const std::vector<const float*> sampled(lowResTable.begin(), lowResTable.end());
+        std::vector<float> product = problems[1].full;
+        for (int b = 0; b + 1 < 5; ++b) {
+            convolution.accumulateFullConvFromSparse(frames, sampled.data(), psfX.data(),
+                                                     psfY.data(), nullptr, product.data(),
+                                                     fullBands[b], fullBands[b + 1]);
+        }
+        std::vector<float> expectedProduct = problems[1].full;
+        for (int k = 0; k < frames; ++k) {
+            plain::validCorrToSparse(g, full.data(), psfX[k], psfY[k], singleLow.data());
+            for (size_t i = 0; i < singleLow.size(); ++i) {
+                ASSERT_EQ(lowResOut[k][i],
+                          static_cast<float>(static_cast<signed char>(masks[k][i])) * singleLow[i]);
+            }
+            plain::fullConvFromSparse(g, singleLow.data(), psfX[k], psfY[k], masks[k],
+                                      single.data());
+            for (size_t i = 0; i < expectedProduct.size(); ++i) {
+                expectedProduct[i] += single[i];
+            }
+        }
+        EXPECT_EQ(
+            std::memcmp(expectedProduct.data(), product.data(), product.size() * sizeof(float)), 0);
     }
 }
 

@@ -10,53 +10,10 @@ namespace kelvo::vision {
 
 SuperResolutionMinimization::SuperResolutionMinimization(int lrWidth, int lrHeight, int maxFrames,
                                                          float factor)
-    : lrWidth(lrWidth),
-      lrHeight(lrHeight),
-      psfSize(static_cast<int>(factor * 3.0f)),
-      fullWidth(static_cast<int>(static_cast<float>(lrWidth) * factor +
-                                 static_cast<float>(psfSize) - 1.0f)),
-      fullHeight(static_cast<int>(static_cast<float>(lrHeight) * factor +
-                                  static_cast<float>(psfSize) - 1.0f)),
-      fullSize(fullWidth * fullHeight),
-      factor(factor),
-      basePsf(psfSize),
-      psfX(maxFrames, std::vector<float>(psfSize)),
-      psfY(maxFrames, std::vector<float>(psfSize)),
-      convolution(static_cast<int>(static_cast<float>(lrWidth) * factor),
-                  static_cast<int>(static_cast<float>(lrHeight) * factor), psfSize, psfSize,
-                  factor),
+    : TvReconstructionBase(lrWidth, lrHeight, maxFrames, factor),
+      convolution(highResWidth(), highResHeight(), psfSize, psfSize, factor),
       lowResScratch(static_cast<size_t>(lrWidth) * lrHeight),
-      convScratch(fullSize),
-      rhs(fullSize),
-      estimate(fullSize),
-      weightRight(fullSize),
-      weightDown(fullSize),
-      weightDownLeft(fullSize),
-      weightDownRight(fullSize),
-      residual(fullSize),
-      direction(fullSize),
-      operatorDirection(fullSize) {
-    setPsfSigma(0.683f);
-    setWeightTV(400.0f);
-    setEpsilon(0.1f);
-    setRelRes(0.007f);
-    setMaxIter(8);
-}
-
-void SuperResolutionMinimization::setPsfSigma(float value) {
-    psfSigma = value;
-    buildBasePsf(factor, value, basePsf.data(), psfSize);
-}
-
-void SuperResolutionMinimization::setWeightTV(float value) {
-    weightTV = value;
-    negInvWeightTV = -1.0f / value;
-}
-
-void SuperResolutionMinimization::setEpsilon(float value) {
-    epsilon = value;
-    invEpsilon = 1.0f / value;
-}
+      convScratch(fullSize) {}
 
 // One running float sum in flat order.
 float SuperResolutionMinimization::dot(const float* a, const float* b) const {
@@ -110,18 +67,14 @@ int SuperResolutionMinimization::minimize(int numFrames, int refIndex, float** c
         value = deviation * value + mean;
     }
     const int offset = (psfSize - 1) / 2;
-    const int outWidth = static_cast<int>(static_cast<float>(lrWidth) * factor);
-    const int outHeight = static_cast<int>(static_cast<float>(lrHeight) * factor);
+    const int outWidth = highResWidth();
+    const int outHeight = highResHeight();
     const float* source = estimate.data() + offset * (fullWidth + 1);
     for (int r = 0; r < outHeight; ++r) {
         std::copy(source, source + outWidth, result + r * outWidth);
         source += outWidth + psfSize - 1;
     }
     return total;
-}
-
-TvWeights SuperResolutionMinimization::tvWeights() {
-    return {weightRight.data(), weightDown.data(), weightDownLeft.data(), weightDownRight.data()};
 }
 
 // The TV weights of the current estimate, those of the float engine.

@@ -24,7 +24,7 @@ namespace kelvo::vision {
 // vertically by the factor (SuperResolutionConvolution); and after the solve the whole
 // estimate, margins included, is de-normalised in place before the crop is copied out.
 // The crop covers the (int)(h f) x (int)(w f) result, whatever the factor.
-class SuperResolutionMinimization {
+class SuperResolutionMinimization : public TvReconstructionBase {
 public:
     SuperResolutionMinimization(int lrWidth, int lrHeight, int maxFrames, float factor);
 
@@ -33,20 +33,6 @@ public:
     int minimize(int numFrames, int refIndex, float** const frames, PointF* const shifts,
                  char** masks, float* result);
 
-    float getPsfSigma() const { return psfSigma; }
-    void setPsfSigma(float value);
-    float getWeightTV() const { return weightTV; }
-    void setWeightTV(float value);
-    float getEpsilon() const { return epsilon; }
-    void setEpsilon(float value);
-    float getRelRes() const { return relRes; }
-    void setRelRes(float value) { relRes = value; }
-    int getMaxIter() const { return maxIter; }
-    void setMaxIter(int value) { maxIter = value; }
-
-    int getPsfSize() const { return psfSize; }
-    int getFullWidth() const { return fullWidth; }
-    int getFullHeight() const { return fullHeight; }
     // The estimate with its PSF margins; de-normalised after minimize.
     const float* getEstimate() const { return estimate.data(); }
 
@@ -56,39 +42,10 @@ private:
     void gradient(const float* in, int numFrames, char** masks, float* out);
     bool iteration(int numFrames, char** masks);
     float dot(const float* a, const float* b) const;
-    TvWeights tvWeights();
 
-    int lrWidth;
-    int lrHeight;
-    int psfSize;
-    int fullWidth;
-    int fullHeight;
-    int fullSize;
-    float factor;
-    float psfSigma = 0.0f;
-    float weightTV = 0.0f;
-    float relRes = 0.0f;
-    int maxIter = 0;
-    std::vector<float> basePsf;
-    std::vector<std::vector<float>> psfX;
-    std::vector<std::vector<float>> psfY;
     SuperResolutionConvolution convolution;
     std::vector<float> lowResScratch;
     std::vector<float> convScratch;
-    std::vector<float> rhs;
-    std::vector<float> estimate;
-    std::vector<float> weightRight;
-    std::vector<float> weightDown;
-    std::vector<float> weightDownLeft;
-    std::vector<float> weightDownRight;
-    std::vector<float> residual;
-    std::vector<float> direction;
-    std::vector<float> operatorDirection;
-    float negInvWeightTV = 0.0f;
-    float epsilon = 0.0f;
-    float invEpsilon = 0.0f;
-    float residualNorm2 = 0.0f;
-    float invRhsNorm2 = 0.0f;
 };
 
 }  // namespace kelvo::vision
