@@ -259,15 +259,7 @@ KELVO_VECTOR_CLONES void slideRow(const float* entering, const float* leaving, i
 
 SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight,
                                        float factor)
-    : hrWidth(hrWidth),
-      hrHeight(hrHeight),
-      kernelWidth(kernelWidth),
-      kernelHeight(kernelHeight),
-      fullWidth(hrWidth + kernelWidth - 1),
-      fullHeight(hrHeight + kernelHeight - 1),
-      factor(factor),
-      lrWidth(static_cast<int>(static_cast<float>(hrWidth) / factor)),
-      lrHeight(static_cast<int>(static_cast<float>(hrHeight) / factor)),
+    : ConvolutionGeometry(hrWidth, hrHeight, kernelWidth, kernelHeight, factor),
       step(static_cast<int>(factor)),
       phaseLength((fullWidth + step - 1) / step),
       scratchSize(step * phaseLength + std::max(fullHeight * std::max(lrWidth, hrWidth), 1)),

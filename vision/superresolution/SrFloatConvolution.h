@@ -4,6 +4,8 @@
 #include <opencv2/core.hpp>
 #include <vector>
 
+#include "vision/superresolution/ConvolutionGeometry.h"
+
 namespace kelvo::vision {
 
 // The linear operators that tie a high-resolution image x (W x H) to one
@@ -18,7 +20,7 @@ namespace kelvo::vision {
 // pair stays an exact transpose for every factor. Sums run tap by tap in ascending
 // order, in float, starting from 0, which fixes their rounding. Both operators work
 // through one scratch buffer owned by the instance, so an instance serves one thread.
-class SrFloatConvolution {
+class SrFloatConvolution : private ConvolutionGeometry {
 public:
     SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight, float factor);
     // Copies get scratch storage of their own, so that copies may run on different threads.
@@ -66,16 +68,7 @@ private:
                             const float* const* psfY, const char* const* masks, float* out,
                             int firstRow, int endRow);
 
-    int hrWidth;
-    int hrHeight;
-    int kernelWidth;
-    int kernelHeight;
-    int fullWidth;
-    int fullHeight;
-    float factor;
-    // Frame size w x h and horizontal sample step F derived from the above.
-    int lrWidth;
-    int lrHeight;
+    // The horizontal sample step F, the factor as a whole number.
     int step;
     // Length of one phase row: the columns p, p + F, p + 2F, ... of a full row.
     int phaseLength;

@@ -19,15 +19,7 @@ int groupsOfFour(int count) {
 
 SrFloatNeonConvolution::SrFloatNeonConvolution(int hrWidth, int hrHeight, int kernelWidth,
                                                int kernelHeight, float factor)
-    : hrWidth(hrWidth),
-      hrHeight(hrHeight),
-      kernelWidth(kernelWidth),
-      kernelHeight(kernelHeight),
-      fullWidth(hrWidth + kernelWidth - 1),
-      fullHeight(hrHeight + kernelHeight - 1),
-      factor(factor),
-      lrWidth(static_cast<int>(static_cast<float>(hrWidth) / factor)),
-      lrHeight(static_cast<int>(static_cast<float>(hrHeight) / factor)),
+    : ConvolutionGeometry(hrWidth, hrHeight, kernelWidth, kernelHeight, factor),
       intFactor(static_cast<int>(factor)),
       scratchStride(groupsOfFour(std::max(lrWidth, 1)) * kLanes),
       scratch(static_cast<size_t>(scratchStride) * fullHeight + kSpareFloats, 0.0f) {}

@@ -3,6 +3,8 @@
 
 #include <vector>
 
+#include "vision/superresolution/ConvolutionGeometry.h"
+
 namespace kelvo::vision {
 
 // The sparse operators of SrFloatConvolution for factor 2, written with four-lane
@@ -20,7 +22,7 @@ namespace kelvo::vision {
 // every buffer handed to the operators must have kSpareFloats readable (and, for
 // outputs, writable) floats past its last element. The scratch rows are padded to
 // whole groups.
-class SrFloatNeonConvolution {
+class SrFloatNeonConvolution : private ConvolutionGeometry {
 public:
     static constexpr int kSpareFloats = 8;
 
@@ -37,15 +39,6 @@ public:
 
 private:
     // The geometry as given, kept with the record though the loops use the derived sizes.
-    [[maybe_unused]] int hrWidth;
-    [[maybe_unused]] int hrHeight;
-    int kernelWidth;
-    int kernelHeight;
-    int fullWidth;
-    int fullHeight;
-    [[maybe_unused]] float factor;
-    int lrWidth;
-    int lrHeight;
     // The vertical sample step: scratch rows from one frame row to the next.
     int intFactor;
     // Scratch rows hold whole groups of four columns.

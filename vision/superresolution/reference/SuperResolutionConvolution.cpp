@@ -10,32 +10,18 @@ namespace kelvo::vision {
 
 SuperResolutionConvolution::SuperResolutionConvolution(int hrWidth, int hrHeight, int kernelWidth,
                                                        int kernelHeight, float factor)
-    : hrWidth(hrWidth),
-      hrHeight(hrHeight),
-      kernelWidth(kernelWidth),
-      kernelHeight(kernelHeight),
-      fullWidth(hrWidth + kernelWidth - 1),
-      fullHeight(hrHeight + kernelHeight - 1),
-      factor(factor),
+    : ConvolutionGeometry(hrWidth, hrHeight, kernelWidth, kernelHeight, factor),
       scratch(static_cast<size_t>(hrWidth) * (std::max(fullHeight, hrHeight) + 1)) {}
 
-int SuperResolutionConvolution::lowResWidth() const {
-    return static_cast<int>(static_cast<float>(hrWidth) / factor);
-}
-
-int SuperResolutionConvolution::lowResHeight() const {
-    return static_cast<int>(static_cast<float>(hrHeight) / factor);
-}
-
 int SuperResolutionConvolution::lowResRowStep() const {
-    const int w = lowResWidth();
+    const int w = lrWidth;
     return w + static_cast<int>((factor - 1.0f) * static_cast<float>(w));
 }
 
 void SuperResolutionConvolution::fullConvFromSparse(float* const lowRes, float* const psfX,
                                                     float* const psfY, char* mask, float* out) {
-    const int w = lowResWidth();
-    const int h = lowResHeight();
+    const int w = lrWidth;
+    const int h = lrHeight;
     const int step = static_cast<int>(factor);
     const int rowStep = lowResRowStep();
     float* s = scratch.data();
@@ -69,8 +55,8 @@ void SuperResolutionConvolution::fullConvFromSparse(float* const lowRes, float* 
 
 void SuperResolutionConvolution::validCorrToSparse(float* const full, float* const psfX,
                                                    float* const psfY, float* lowResOut) {
-    const int w = lowResWidth();
-    const int h = lowResHeight();
+    const int w = lrWidth;
+    const int h = lrHeight;
     const int step = static_cast<int>(factor);
     const int rowStep = lowResRowStep();
     float* s = scratch.data();

@@ -3,6 +3,8 @@
 
 #include <vector>
 
+#include "vision/superresolution/ConvolutionGeometry.h"
+
 namespace kelvo::vision {
 
 // The blur-and-decimate operator of the reference engine and its masked adjoint, on
@@ -20,7 +22,7 @@ namespace kelvo::vision {
 //
 // sameConvOnes is the border-clipped mean filter of the float engine on plain arrays of
 // W x H, through this instance's scratch. One instance serves one thread.
-class SuperResolutionConvolution {
+class SuperResolutionConvolution : private ConvolutionGeometry {
 public:
     SuperResolutionConvolution(int hrWidth, int hrHeight, int kernelWidth, int kernelHeight,
                                float factor);
@@ -35,17 +37,8 @@ public:
     int getFullHeight() const { return fullHeight; }
 
 private:
-    int lowResWidth() const;
-    int lowResHeight() const;
     int lowResRowStep() const;
 
-    int hrWidth;
-    int hrHeight;
-    int kernelWidth;
-    int kernelHeight;
-    int fullWidth;
-    int fullHeight;
-    float factor;
     // fullHeight rows of up to hrWidth floats for the operators, and one row more for
     // the running sums of the mean filter.
     std::vector<float> scratch;
