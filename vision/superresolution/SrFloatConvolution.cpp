@@ -13,6 +13,9 @@ namespace {
 // The vertical sample step of both sparse operators, whatever the factor.
 constexpr int kVerticalStep = 2;
 
+// Frames whose rows one sweep of the sparse operators handles together.
+constexpr int kFramesAtOnce = 5;
+
 // out[c] = 0 + taps[0] rows[0][c] + taps[1] rows[1][c] + ..., added in this order.
 // Count is the number of taps when known at compile time (0: taken from `count`),
 // which lets the compiler keep the sum in registers and vectorise along c.
@@ -32,6 +35,45 @@ KELVO_VECTOR_CLONES void sumScaledRows(const float* const* rows, const float* ta
             sum += Count > 0 ? k[q] * source[q][c] : taps[q] * rows[q][c];
         }
         out[c] = sum;
+    }
+}
+
+// The same sums for Frames frames at once, frame f with its own taps taps[f]:
+// out[f][c] = 0 + taps[f][0] rows[f][0][c] + taps[f][1] rows[f][1][c] + ...
+// (rows[f][q] = rows[f * Count + q], or rows[q] for all frames when SharedRows),
+// multiplied by the mask byte masks[f][c] when Masked. The frames' sums, independent
+// of each other, overlap in the pipeline instead of each waiting on its own chain of
+// additions, and shared rows are loaded once for all frames.
+template <int Count, int Frames, bool SharedRows, bool Masked>
+KELVO_VECTOR_CLONES void sumScaledRowsOfFrames(const float* const* rows, const float* const* taps,
+                                               const char* const* masks, int length,
+                                               float* const* out) {
+    const float* source[Frames][Count];
+    const signed char* valid[Frames];
+    float k[Frames][Count];
+    float* target[Frames];
+    for (int f = 0; f < Frames; ++f) {
+        target[f] = out[f];
+        valid[f] = Masked ? reinterpret_cast<const signed char*>(masks[f]) : nullptr;
+        for (int q = 0; q < Count; ++q) {
+            source[f][q] = rows[SharedRows ? q : f * Count + q];
+            k[f][q] = taps[f][q];
+        }
+    }
+    KELVO_INDEPENDENT_ITERATIONS
+    for (int c = 0; c < length; ++c) {
+        float sum[Frames];
+        for (int f = 0; f < Frames; ++f) {
+            sum[f] = 0.0f;
+        }
+        for (int q = 0; q < Count; ++q) {
+            for (int f = 0; f < Frames; ++f) {
+                sum[f] += k[f][q] * source[SharedRows ? 0 : f][q][c];
+            }
+        }
+        for (int f = 0; f < Frames; ++f) {
+            target[f][c] = Masked ? static_cast<float>(valid[f][c]) * sum[f] : sum[f];
+        }
     }
 }
 
@@ -64,6 +106,40 @@ KELVO_VECTOR_CLONES void maskRow(const float* row, const char* mask, int length,
     const signed char* valid = reinterpret_cast<const signed char*>(mask);
     for (int c = 0; c < length; ++c) {
         out[c] = static_cast<float>(valid[c]) * row[c];
+    }
+}
+
+// The row sums of up to kFramesAtOnce frames, `count` taps each: out[f] = sum over q
+// of taps[f][q] rows[f * count + q] (rows[q] for every frame when sharedRows), masked
+// by masks[f] unless masks is null. Five frames with the tap counts of the engine's
+// PSFs at factor 2 run at once, others frame by frame.
+void sumScaledRowsOfFrames(int count, int frames, bool sharedRows, const float* const* rows,
+                           const float* const* taps, const char* const* masks, int length,
+                           float* const* out) {
+    auto fiveAtOnce = [&](auto fixedCount) {
+        constexpr int kCount = decltype(fixedCount)::value;
+        if (sharedRows) {
+            sumScaledRowsOfFrames<kCount, kFramesAtOnce, true, false>(rows, taps, masks, length,
+                                                                      out);
+        } else if (masks != nullptr) {
+            sumScaledRowsOfFrames<kCount, kFramesAtOnce, false, true>(rows, taps, masks, length,
+                                                                      out);
+        } else {
+            sumScaledRowsOfFrames<kCount, kFramesAtOnce, false, false>(rows, taps, masks, length,
+                                                                       out);
+        }
+    };
+    if (frames == kFramesAtOnce && count == 3 && !sharedRows) {
+        return fiveAtOnce(std::integral_constant<int, 3>());
+    }
+    if (frames == kFramesAtOnce && count == 6) {
+        return fiveAtOnce(std::integral_constant<int, 6>());
+    }
+    for (int f = 0; f < frames; ++f) {
+        sumScaledRows(sharedRows ? rows : rows + f * count, taps[f], count, length, out[f]);
+        if (masks != nullptr) {
+            maskRow(out[f], masks[f], length, out[f]);
+        }
     }
 }
 
@@ -158,7 +234,6 @@ KELVO_VECTOR_CLONES void convolveRows(const float* sparse, int w, const float* c
 template <bool Accumulate>
 void convolveRows(const float* sparse, int w, const float* const* psfX, int count, int kernelWidth,
                   int step, int rowLength, float* row) {
-    constexpr int kFramesAtOnce = 5;
     int f = 0;
     const bool fixed = step == 2 && kernelWidth == 6;
     auto one = [&](auto put) {
@@ -265,8 +340,12 @@ SrFloatConvolution::SrFloatConvolution(int hrWidth, int hrHeight, int kernelWidt
       scratchSize(step * phaseLength + std::max(fullHeight * std::max(lrWidth, hrWidth), 1)),
       scratch(1, scratchSize, CV_32F),
       scratchData(scratch.ptr<float>()),
-      runRows(std::max(kernelWidth, kernelHeight)),
-      runTaps(std::max(kernelWidth, kernelHeight)) {}
+      runRows(kFramesAtOnce * std::max(kernelWidth, kernelHeight)),
+      runTaps(kFramesAtOnce * kernelHeight),
+      runTapIndices(kernelHeight),
+      runTapTables(kFramesAtOnce),
+      runTargets(kFramesAtOnce),
+      runMasks(kFramesAtOnce) {}
 
 SrFloatConvolution::SrFloatConvolution(const SrFloatConvolution& other)
     : SrFloatConvolution(other.hrWidth, other.hrHeight, other.kernelWidth, other.kernelHeight,
@@ -322,20 +401,29 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
                             rings + k * ringSize + (rowsMasked % ringRows) * lrWidth);
                 }
             }
-            for (int k = 0; k < group; ++k) {
-                int taps = 0;
-                for (int i = t % kVerticalStep; i < kernelHeight && i <= t; i += kVerticalStep) {
-                    const int r = (t - i) / kVerticalStep;
-                    if (r < lrHeight) {
-                        runRows[taps] = masks != nullptr
-                                            ? rings + k * ringSize + (r % ringRows) * lrWidth
-                                            : lowRes[first + k] + r * lrWidth;
-                        runTaps[taps] = psfY[first + k][i];
-                        ++taps;
-                    }
+            // The vertical taps i landing on row t, the same for every frame.
+            int taps = 0;
+            for (int i = t % kVerticalStep; i < kernelHeight && i <= t; i += kVerticalStep) {
+                if ((t - i) / kVerticalStep < lrHeight) {
+                    runTapIndices[taps++] = i;
                 }
-                sumScaledRows(runRows.data(), runTaps.data(), taps, lrWidth,
-                              vertical + k * lrWidth);
+            }
+            for (int k = 0; k < group; k += kFramesAtOnce) {
+                const int frames = std::min(kFramesAtOnce, group - k);
+                for (int f = 0; f < frames; ++f) {
+                    for (int j = 0; j < taps; ++j) {
+                        const int i = runTapIndices[j];
+                        const int r = (t - i) / kVerticalStep;
+                        runRows[f * taps + j] =
+                            masks != nullptr ? rings + (k + f) * ringSize + (r % ringRows) * lrWidth
+                                             : lowRes[first + k + f] + r * lrWidth;
+                        runTaps[f * taps + j] = psfY[first + k + f][i];
+                    }
+                    runTapTables[f] = runTaps.data() + f * taps;
+                    runTargets[f] = vertical + (k + f) * lrWidth;
+                }
+                sumScaledRowsOfFrames(taps, frames, false, runRows.data(), runTapTables.data(),
+                                      nullptr, lrWidth, runTargets.data());
             }
             if (Accumulate || first > 0) {
                 convolveRows<true>(vertical, lrWidth, psfX + first, group, kernelWidth, step,
@@ -384,22 +472,31 @@ void SrFloatConvolution::validCorrToSparse(int count, const float* full, const f
                         step == 1 ? source + j : phases + (j % step) * phaseLength + j / step;
                 }
                 const int slot = rowsDone % kernelHeight;
-                for (int k = 0; k < group; ++k) {
-                    sumScaledRows(runRows.data(), psfX[first + k], kernelWidth, lrWidth,
-                                  rings + k * ringSize + slot * lrWidth);
+                for (int k = 0; k < group; k += kFramesAtOnce) {
+                    const int frames = std::min(kFramesAtOnce, group - k);
+                    for (int f = 0; f < frames; ++f) {
+                        runTargets[f] = rings + (k + f) * ringSize + slot * lrWidth;
+                    }
+                    sumScaledRowsOfFrames(kernelWidth, frames, true, runRows.data(),
+                                          psfX + first + k, nullptr, lrWidth, runTargets.data());
                 }
             }
             const int taps = std::max(std::min(kernelHeight, fullHeight - kVerticalStep * r), 0);
-            for (int k = 0; k < group; ++k) {
-                for (int i = 0; i < taps; ++i) {
-                    runRows[i] =
-                        rings + k * ringSize + ((kVerticalStep * r + i) % kernelHeight) * lrWidth;
+            for (int k = 0; k < group; k += kFramesAtOnce) {
+                const int frames = std::min(kFramesAtOnce, group - k);
+                for (int f = 0; f < frames; ++f) {
+                    for (int i = 0; i < taps; ++i) {
+                        runRows[f * taps + i] = rings + (k + f) * ringSize +
+                                                ((kVerticalStep * r + i) % kernelHeight) * lrWidth;
+                    }
+                    runTargets[f] = lowResOut[first + k + f] + r * lrWidth;
+                    if (masks != nullptr) {
+                        runMasks[f] = masks[first + k + f] + r * lrWidth;
+                    }
                 }
-                float* sampled = lowResOut[first + k] + r * lrWidth;
-                sumScaledRows(runRows.data(), psfY[first + k], taps, lrWidth, sampled);
-                if (masks != nullptr) {
-                    maskRow(sampled, masks[first + k] + r * lrWidth, lrWidth, sampled);
-                }
+                sumScaledRowsOfFrames(taps, frames, false, runRows.data(), psfY + first + k,
+                                      masks != nullptr ? runMasks.data() : nullptr, lrWidth,
+                                      runTargets.data());
             }
         }
     }

@@ -78,9 +78,14 @@ private:
     int scratchSize;
     cv::Mat scratch;
     float* scratchData;
-    // The rows and taps of one run of taps, gathered for the row kernels.
+    // The rows, taps, targets and masks of one run of taps for up to five frames,
+    // gathered for the row kernels, and the vertical taps that land on a full row.
     std::vector<const float*> runRows;
     std::vector<float> runTaps;
+    std::vector<int> runTapIndices;
+    std::vector<const float*> runTapTables;
+    std::vector<float*> runTargets;
+    std::vector<const char*> runMasks;
 };
 
 }  // namespace kelvo::vision

@@ -11,3 +11,14 @@
 #else
 #define KELVO_VECTOR_CLONES
 #endif
+
+// Tells the vectoriser that the iterations of the loop that follows are independent,
+// for loops whose arrays it cannot prove apart (rows reached through tables of
+// pointers) and would otherwise leave scalar.
+#if defined(__clang__)
+#define KELVO_INDEPENDENT_ITERATIONS _Pragma("clang loop vectorize(assume_safety)")
+#elif defined(__GNUC__)
+#define KELVO_INDEPENDENT_ITERATIONS _Pragma("GCC ivdep")
+#else
+#define KELVO_INDEPENDENT_ITERATIONS
+#endif
