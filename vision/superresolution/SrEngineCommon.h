@@ -136,9 +136,12 @@ float estimateSrFactor(const Mask* const* masks, int count, int inputSize, int c
         const int length = std::min(kRun, inputSize - first);
         std::fill(framesSeeing, framesSeeing + length, 0);
         for (int i = 0; i < count; ++i) {
-            const Mask* mask = masks[i] + first;
+            // Restricted, since 8-bit masks could otherwise alias the counts and keep
+            // the loop from running in vector lanes.
+            const Mask* __restrict mask = masks[i] + first;
+            int* __restrict seeing = framesSeeing;
             for (int p = 0; p < length; ++p) {
-                framesSeeing[p] += mask[p] != Mask(0);
+                seeing[p] += mask[p] != Mask(0);
             }
         }
         for (int p = 0; p < length; ++p) {
