@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <ostream>
 #include <stdexcept>
 
@@ -131,18 +130,16 @@ float SrFloat<Registration>::computeSR(float* out) {
 
     watch.start();
     const int iterations = minimization.minimize(storedFrames, ref, registeredPointers.data(),
-                                                 shifts.data(), maskPointers.data(), result.data());
+                                                 shifts.data(), maskPointers.data(), out);
     timing << " minimization:         " << elapsedMilliseconds(watch) << "[ms]" << std::endl;
     if (iterations < 0) {
         return static_cast<float>(iterations);
     }
 
-    repairResultBadPixels(badPixelHandling, result.data(), {outputWidth, outputHeight},
-                          completeShifts, framePointers.data(), storedFrames, {width, height},
-                          frameViews);
+    repairResultBadPixels(badPixelHandling, out, {outputWidth, outputHeight}, completeShifts,
+                          framePointers.data(), storedFrames, {width, height}, frameViews);
 
     watch.start();
-    std::memcpy(out, result.data(), sizeof(float) * outputSize);
     const float srFactor = this->estimateSrFactor(srFactorCap(this->factor));
     lastSrFactor = srFactor;
     timing << " save+srfactor calc:   " << elapsedMilliseconds(watch) << "[ms]" << std::endl;

@@ -78,7 +78,6 @@ private:
     using Base::outputWidth;
     using Base::registeredPointers;
     using Base::registration;
-    using Base::result;
     using Base::shifts;
     using Base::storedFrames;
     using Base::width;

@@ -22,7 +22,6 @@ SrFloatEngineBase<Registration, Minimization, Mask>::SrFloatEngineBase(int width
       frames(windowSize, std::vector<float>(inputSize + spareElements, 0.0f)),
       registeredFrames(windowSize, std::vector<float>(inputSize + spareElements, 0.0f)),
       masks(windowSize, std::vector<Mask>(inputSize + spareElements, Mask(0))),
-      result(outputSize, 0.0f),
       shifts(windowSize, cv::Point_<float>(0.0f, 0.0f)) {
     refreshPointers();
 }
@@ -38,7 +37,6 @@ SrFloatEngineBase<Registration, Minimization, Mask>::SrFloatEngineBase(
       frames(other.frames),
       registeredFrames(other.registeredFrames),
       masks(other.masks),
-      result(other.result),
       shifts(other.shifts),
       completeShifts(other.completeShifts),
       storedFrames(other.storedFrames) {

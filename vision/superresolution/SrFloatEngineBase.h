@@ -88,7 +88,6 @@ protected:
     std::vector<float*> framePointers;
     std::vector<float*> registeredPointers;
     std::vector<Mask*> maskPointers;
-    std::vector<float> result;
     std::vector<cv::Point_<float>> shifts;
     std::vector<cv::Point_<float>> completeShifts;
     int storedFrames = 0;

@@ -51,11 +51,11 @@ KELVO_VECTOR_CLONES void residualAndDirection(const float* b, int begin, int end
     }
 }
 
-// x[i] += alpha p[i] and r[i] -= alpha ap[i] for i in [begin, end)
-KELVO_VECTOR_CLONES void stepAlong(float alpha, const float* p, const float* ap, int begin, int end,
-                                   float* __restrict x, float* __restrict r) {
+// x[i] = xIn[i] + alpha p[i] and r[i] -= alpha ap[i] for i in [begin, end); x may be xIn.
+KELVO_VECTOR_CLONES void stepAlong(float alpha, const float* p, const float* ap, const float* xIn,
+                                   int begin, int end, float* x, float* __restrict r) {
     for (int i = begin; i < end; ++i) {
-        x[i] += alpha * p[i];
+        x[i] = xIn[i] + alpha * p[i];
         r[i] -= alpha * ap[i];
     }
 }
@@ -237,12 +237,14 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
     const float* b = rhs.data();
     invRhsNorm2 = static_cast<float>(
         1.0 / sumInLanes(fullSize, [&](int i) { return static_cast<double>(b[i] * b[i]); }));
-    estimate = rhs;
+    // The first estimate is the right-hand side itself, read in place until the
+    // first step writes the estimate's own image.
+    estimateIsRhs = true;
 
     const int total = runRestarts(
         maxIter, [&](int budgetLeft) { return conjugateGradients(numFrames, masks, budgetLeft); });
 
-    restoreCropped(estimate.data(), fullWidth, (psfSize - 1) / 2, highResWidth(), highResHeight(),
+    restoreCropped(currentEstimate(), fullWidth, (psfSize - 1) / 2, highResWidth(), highResHeight(),
                    deviation, meanValue, result);
     return total;
 }
@@ -256,7 +258,7 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
     // The TV weights of each band are computed from the estimate just before the
     // operator applies them.
     gradient(
-        estimate.data(), numFrames, masks, r,
+        currentEstimate(), numFrames, masks, r,
         [&](int begin, int end) { computeL(begin / fullWidth, end / fullWidth); },
         [&](int begin, int end) { residualAndDirection(b, begin, end, r, p); },
         [&](int begin, int end) {
@@ -279,7 +281,6 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
 // over the image; a step that converges leaves it unformed, as nothing reads it any
 // more. The first step of a restart finds p = r formed with the residual.
 KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
-    float* x = estimate.data();
     float* r = residual.data();
     float* p = direction.data();
     float* ap = operatorDirection.data();
@@ -297,8 +298,11 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
             pAp.add(begin, end, [&](int i) { return static_cast<double>(p[i] * ap[i]); });
         });
     const float alpha = static_cast<float>(residualNorm2 / pAp.total());
+    const float* xIn = currentEstimate();
+    estimateIsRhs = false;
+    float* x = estimate.data();
     LaneSum norm;
-    updateThenSumAll([&](int first, int last) { stepAlong(alpha, p, ap, first, last, x, r); },
+    updateThenSumAll([&](int first, int last) { stepAlong(alpha, p, ap, xIn, first, last, x, r); },
                      [&](int first, int last) {
                          norm.add(first, last,
                                   [&](int i) { return static_cast<double>(r[i] * r[i]); });
@@ -313,7 +317,7 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
 }
 
 void SrFloatMinimization::computeL(int firstRow, int endRow) {
-    computeTvWeights(estimate.data(), fullWidth, fullHeight, negInvWeightTV, epsilon, invEpsilon,
+    computeTvWeights(currentEstimate(), fullWidth, fullHeight, negInvWeightTV, epsilon, invEpsilon,
                      tvWeights(), firstRow, endRow);
 }
 
@@ -327,7 +331,7 @@ void SrFloatMinimization::computeL(int firstRow, int endRow) {
 // bands before the next begins, as the stages read rows of the neighbouring bands,
 // and the sums run over the whole image afterwards in the one order.
 template <typename PrepareRows, typename FinishRows, typename SumRows>
-KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(float* in, int numFrames, char** masks,
+KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numFrames, char** masks,
                                                        float* out, PrepareRows prepareRows,
                                                        FinishRows finishRows, SumRows sumRows) {
     if (threads > 1) {
@@ -397,6 +401,10 @@ void SrFloatMinimization::updateThenSumAll(Update update, Sum sum) {
     } else {
         updateThenSum(0, fullSize, update, sum);
     }
+}
+
+const float* SrFloatMinimization::currentEstimate() const {
+    return estimateIsRhs ? rhs.data() : estimate.data();
 }
 
 SrFloatConvolution& SrFloatMinimization::convolutionOf(int stripe) {

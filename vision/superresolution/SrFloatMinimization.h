@@ -118,13 +118,14 @@ private:
     // The TV weights of the pixels in rows [firstRow, endRow).
     void computeL(int firstRow, int endRow);
     template <typename PrepareRows, typename FinishRows, typename SumRows>
-    void gradient(float* in, int numFrames, char** masks, float* out, PrepareRows prepareRows,
+    void gradient(const float* in, int numFrames, char** masks, float* out, PrepareRows prepareRows,
                   FinishRows finishRows, SumRows sumRows);
     template <typename Work>
     void forEachBand(Work work);
     template <typename Update, typename Sum>
     void updateThenSumAll(Update update, Sum sum);
     SrFloatConvolution& convolutionOf(int stripe);
+    const float* currentEstimate() const;
     bool iteration(int index, int numFrames, char** masks);
     void applyStencil(const float* in, int begin, int end, float* out);
 
@@ -142,6 +143,8 @@ private:
     std::vector<float*> lowResTable;
     // beta of the direction update still to be applied (see iteration).
     float directionBeta = 0.0f;
+    // Until the first step the estimate is the right-hand side, read from `rhs`.
+    bool estimateIsRhs = false;
 };
 
 // The error function as every Gaussian tap of the library computes it:

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 
 #include "vision/superresolution/SrEngineCommon.h"
@@ -66,13 +65,12 @@ float SrFloatNeon<Registration>::computeSR(float* out) {
         displacementAndMaskStatus(this->completeShifts.data(), this->maskPointers.data(),
                                   frameCount, this->width, this->height);
 
-    const int iterations = this->minimization.minimize(
-        frameCount, ref, this->registeredPointers.data(), this->shifts.data(),
-        this->maskPointers.data(), this->result.data());
+    const int iterations =
+        this->minimization.minimize(frameCount, ref, this->registeredPointers.data(),
+                                    this->shifts.data(), this->maskPointers.data(), out);
     if (iterations < 0) {
         return static_cast<float>(iterations);
     }
-    std::memcpy(out, this->result.data(), sizeof(float) * this->outputSize);
     const float srFactor = this->estimateSrFactor(srFactorCap(this->factor));
     return status != 0 ? static_cast<float>(status) : srFactor;
 }
