@@ -127,11 +127,25 @@ int displacementAndMaskStatus(const Point* shifts, const Mask* const* masks, int
 // 1 + (cap - 1) / 4. Masks are bytes in the float engines and floats in the four-lane one.
 template <typename Mask>
 float estimateSrFactor(const Mask* const* masks, int count, int inputSize, int cap) {
+    long long sum = 0;
+    if (count <= cap) {
+        // No pixel is seen by more than cap frames: the cap never applies, and the
+        // sum is the number of mask entries seeing a pixel, less one per pixel.
+        for (int i = 0; i < count; ++i) {
+            const Mask* mask = masks[i];
+            int seen = 0;
+            for (int p = 0; p < inputSize; ++p) {
+                seen += mask[p] != Mask(0);
+            }
+            sum += seen;
+        }
+        sum -= inputSize;
+        return static_cast<float>(sum) / static_cast<float>(4 * inputSize) + 1.0f;
+    }
     // The frames seeing each pixel are counted a run of pixels at a time, mask after
     // mask, so that the counting runs along contiguous memory.
     constexpr int kRun = 4096;
     int framesSeeing[kRun];
-    long long sum = 0;
     for (int first = 0; first < inputSize; first += kRun) {
         const int length = std::min(kRun, inputSize - first);
         std::fill(framesSeeing, framesSeeing + length, 0);
