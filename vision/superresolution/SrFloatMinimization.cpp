@@ -322,59 +322,96 @@ void SrFloatMinimization::computeL(int firstRow, int endRow) {
 }
 
 // out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
-// `in` are handed to prepareRows(begin, end) (index ranges) before anything reads
-// them or the weights of their pixels, the rows of a band to finishRows(begin, end)
-// once they are final, and then to sumRows(begin, end) in ascending order.
+// `in` are handed to prepareRows(begin, end) (index ranges) once, before anything
+// reads them or the weights of their pixels, the rows of a band to finishRows(begin,
+// end) once they are final, and then to sumRows(begin, end) in ascending order.
 //
-// One thread runs the bands one after the other, each band from the weights to the
-// sums while its rows are in the cache. Several threads run each stage over all
-// bands before the next begins, as the stages read rows of the neighbouring bands,
-// and the sums run over the whole image afterwards in the one order.
+// Each thread runs its stripe of consecutive bands one after the other, each band
+// from the weights to the sums while its rows are in the cache. The stages of a band
+// read rows of `in` and frame rows a few rows past either end of the band; where two
+// stripes meet, those rows are prepared and sampled first, once, before the stripes
+// run side by side. With several threads the sums run over the whole image
+// afterwards, in the one order.
 template <typename PrepareRows, typename FinishRows, typename SumRows>
 KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numFrames, char** masks,
                                                        float* out, PrepareRows prepareRows,
                                                        FinishRows finishRows, SumRows sumRows) {
-    if (threads > 1) {
-        forEachBand(
-            [&](int, int first, int end) { prepareRows(first * fullWidth, end * fullWidth); });
-        forEachBand([&](int stripe, int first, int end) {
-            // The frame rows r sampled at full rows 2 r in the band.
-            const int lowResBegin = std::min((first + 1) / 2, lrHeight);
-            const int lowResEnd = std::min((end + 1) / 2, lrHeight);
-            convolutionOf(stripe).validCorrToSparse(numFrames, in, psfXTable.data(),
-                                                    psfYTable.data(), lowResTable.data(),
-                                                    lowResBegin, lowResEnd, masks);
-        });
-        forEachBand([&](int stripe, int first, int end) {
-            applyStencil(in, first * fullWidth, end * fullWidth, out);
-            convolutionOf(stripe).accumulateFullConvFromSparse(numFrames, lowResTable.data(),
-                                                               psfXTable.data(), psfYTable.data(),
-                                                               nullptr, out, first, end);
-            finishRows(first * fullWidth, end * fullWidth);
-        });
-        sumRows(0, fullSize);
-        return;
-    }
-    int prepared = 0;
-    int lowResDone = 0;
-    for (int first = 0; first < fullHeight; first += kBandRows) {
-        const int end = std::min(first + kBandRows, fullHeight);
-        // The frame rows whose samples reach the band, r <= (end - 1) / 2, read the
-        // rows of `in` up to 2 r + psfSize - 1; the stencil reads one row beyond.
-        const int lowResNeeded = std::min((end - 1) / 2 + 1, lrHeight);
-        const int rowsRead =
-            std::min(std::max(2 * (lowResNeeded - 1) + psfSize, end + 1), fullHeight);
-        if (rowsRead > prepared) {
-            prepareRows(prepared * fullWidth, rowsRead * fullWidth);
-            prepared = rowsRead;
+    const int bands = (fullHeight + kBandRows - 1) / kBandRows;
+    const int stripes = std::max(std::min(threads, bands), 1);
+    auto stripeStart = [&](int stripe) {
+        return std::min(bands * stripe / stripes * kBandRows, fullHeight);
+    };
+    // The frame rows r sampled by the full rows before `end` (r <= (end - 1) / 2), and
+    // the rows of `in` that sampling them, and the stencil up to `end`, reads.
+    auto lowResNeeded = [&](int end) { return std::min((end - 1) / 2 + 1, lrHeight); };
+    auto rowsRead = [&](int lowResEnd, int end) {
+        return std::min(std::max(2 * (lowResEnd - 1) + psfSize, end + 1), fullHeight);
+    };
+    // Where stripe s > 0 starts at row S: the frame rows from the first one the
+    // adjoint of row S reads to the last one the bands before S sample, and the rows
+    // of `in` they and the stencil on either side of S read.
+    struct Seam {
+        int lowResBegin;
+        int lowResEnd;
+        int rowsBegin;
+        int rowsEnd;
+    };
+    auto seamAt = [&](int stripe) {
+        if (stripe == 0) {
+            return Seam{0, 0, 0, 0};
         }
-        convolution.validCorrToSparse(numFrames, in, psfXTable.data(), psfYTable.data(),
-                                      lowResTable.data(), lowResDone, lowResNeeded, masks);
-        lowResDone = std::max(lowResDone, lowResNeeded);
-        applyStencil(in, first * fullWidth, end * fullWidth, out);
-        convolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(), psfXTable.data(),
-                                                 psfYTable.data(), nullptr, out, first, end);
-        updateThenSum(first * fullWidth, end * fullWidth, finishRows, sumRows);
+        if (stripe == stripes) {
+            return Seam{lrHeight, lrHeight, fullHeight, fullHeight};
+        }
+        const int start = stripeStart(stripe);
+        const int lowResBegin = std::max((start - psfSize + 1) / 2, 0);
+        const int lowResEnd = lowResNeeded(start);
+        return Seam{lowResBegin, lowResEnd, std::min(2 * lowResBegin, start - 1),
+                    rowsRead(lowResEnd, start)};
+    };
+    if (stripes > 1) {
+        forEachInRuns(stripes - 1, stripes - 1, [&](int seam, int) {
+            const Seam rows = seamAt(seam + 1);
+            prepareRows(rows.rowsBegin * fullWidth, rows.rowsEnd * fullWidth);
+            convolutionOf(seam + 1).validCorrToSparse(numFrames, in, psfXTable.data(),
+                                                      psfYTable.data(), lowResTable.data(),
+                                                      rows.lowResBegin, rows.lowResEnd, masks);
+        });
+    }
+    auto runStripe = [&](int stripe, int) {
+        SrFloatConvolution& stripeConvolution = convolutionOf(stripe);
+        const Seam before = seamAt(stripe);
+        const Seam after = seamAt(stripe + 1);
+        int prepared = before.rowsEnd;
+        int lowResDone = before.lowResEnd;
+        for (int first = stripeStart(stripe); first < stripeStart(stripe + 1); first += kBandRows) {
+            const int end = std::min(first + kBandRows, fullHeight);
+            const int lowResEnd = std::min(lowResNeeded(end), after.lowResBegin);
+            const int rowsEnd = std::min(rowsRead(lowResEnd, end), after.rowsBegin);
+            if (rowsEnd > prepared) {
+                prepareRows(prepared * fullWidth, rowsEnd * fullWidth);
+                prepared = rowsEnd;
+            }
+            if (lowResEnd > lowResDone) {
+                stripeConvolution.validCorrToSparse(numFrames, in, psfXTable.data(),
+                                                    psfYTable.data(), lowResTable.data(),
+                                                    lowResDone, lowResEnd, masks);
+                lowResDone = lowResEnd;
+            }
+            applyStencil(in, first * fullWidth, end * fullWidth, out);
+            stripeConvolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(),
+                                                           psfXTable.data(), psfYTable.data(),
+                                                           nullptr, out, first, end);
+            if (stripes == 1) {
+                updateThenSum(first * fullWidth, end * fullWidth, finishRows, sumRows);
+            } else {
+                finishRows(first * fullWidth, end * fullWidth);
+            }
+        }
+    };
+    forEachInRuns(stripes, stripes, runStripe);
+    if (stripes > 1) {
+        sumRows(0, fullSize);
     }
 }
 
