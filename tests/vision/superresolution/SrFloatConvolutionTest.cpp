@@ -110,96 +110,101 @@ TEST(SrFloatConvolution, SeveralFramesInBandsMatchOneFrameAtATime) {
         float factor;
         int taps;
     };
-    // The tiny frames leave room in the scratch rows for only two frames at a time.
+    // The tiny frames leave room in the scratch rows for only two frames at a time; seven
+    // frames run five at once and then two one by one where there is room.
     const Case cases[] = {{24, 20, 2.0f, 6}, {13, 9, 2.0f, 6}, {10, 7, 3.0f, 9},
                           {9, 5, 2.0f, 3},   {1, 1, 2.0f, 6},  {2, 1, 2.0f, 6}};
-    const int frames = 4;
     unsigned seed = 40;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message()
-                     << c.lrWidth << "x" << c.lrHeight << " factor " << c.factor);
-        std::vector<Problem> problems;
-        for (int k = 0; k < frames; ++k) {
-            problems.push_back(
-                randomProblem(c.lrWidth, c.lrHeight, c.factor, c.taps, true, ++seed));
-        }
-        const plain::SparseGeometry& g = problems[0].geometry;
-        const std::vector<float>& full = problems[0].full;
-        std::vector<const float*> lowRes;
-        std::vector<const float*> psfX;
-        std::vector<const float*> psfY;
-        std::vector<const char*> masks;
-        std::vector<std::vector<float>> lowResOut(frames,
-                                                  std::vector<float>(problems[0].lowRes.size()));
-        std::vector<float*> lowResTable;
-        for (int k = 0; k < frames; ++k) {
-            lowRes.push_back(problems[k].lowRes.data());
-            psfX.push_back(problems[k].psfX.data());
-            psfY.push_back(problems[k].psfY.data());
-            masks.push_back(problems[k].mask.data());
-            lowResTable.push_back(lowResOut[k].data());
-        }
-        SrFloatConvolution convolution(g.hrWidth, g.hrHeight, g.kernelWidth, g.kernelHeight,
-                                       g.factor);
-        const int h = g.lrHeight();
-        const int bands[] = {0, 1, h / 2, h / 2, h};
-        for (int b = 0; b + 1 < 5; ++b) {
-            convolution.validCorrToSparse(frames, full.data(), psfX.data(), psfY.data(),
-                                          lowResTable.data(), bands[b], bands[b + 1]);
-        }
-        std::vector<float> accumulated = problems[1].full;
-        std::vector<float> expected = accumulated;
-        const int fullHeight = g.fullHeight();
-        const int fullBands[] = {0, 3, 4, fullHeight / 2 + 1, fullHeight};
-        for (int b = 0; b + 1 < 5; ++b) {
-            convolution.accumulateFullConvFromSparse(frames, lowRes.data(), psfX.data(),
-                                                     psfY.data(), masks.data(), accumulated.data(),
-                                                     fullBands[b], fullBands[b + 1]);
-        }
-        std::vector<float> single(expected.size());
-        std::vector<float> singleLow(lowResOut[0].size());
-        for (int k = 0; k < frames; ++k) {
-            plain::validCorrToSparse(g, full.data(), psfX[k], psfY[k], singleLow.data());
-            EXPECT_EQ(std::memcmp(singleLow.data(), lowResOut[k].data(),
-                                  singleLow.size() * sizeof(float)),
-                      0);
-            plain::fullConvFromSparse(g, lowRes[k], psfX[k], psfY[k], masks[k], single.data());
-            for (size_t i = 0; i < expected.size(); ++i) {
-                expected[i] += single[i];
+    for (const int frames : {4, 7})
+        for (const Case& c : cases) {
+            SCOPED_TRACE(testing::Message() << c.lrWidth << "x" << c.lrHeight << " factor "
+                                            << c.factor << ", " << frames << " frames");
+            std::vector<Problem> problems;
+            for (int k = 0; k < frames; ++k) {
+                problems.push_back(
+                    randomProblem(c.lrWidth, c.lrHeight, c.factor, c.taps, true, ++seed));
             }
-        }
-        EXPECT_EQ(std::memcmp(expected.data(), accumulated.data(), expected.size() * sizeof(float)),
-                  0);
+            const plain::SparseGeometry& g = problems[0].geometry;
+            const std::vector<float>& full = problems[0].full;
+            std::vector<const float*> lowRes;
+            std::vector<const float*> psfX;
+            std::vector<const float*> psfY;
+            std::vector<const char*> masks;
+            std::vector<std::vector<float>> lowResOut(
+                frames, std::vector<float>(problems[0].lowRes.size()));
+            std::vector<float*> lowResTable;
+            for (int k = 0; k < frames; ++k) {
+                lowRes.push_back(problems[k].lowRes.data());
+                psfX.push_back(problems[k].psfX.data());
+                psfY.push_back(problems[k].psfY.data());
+                masks.push_back(problems[k].mask.data());
+                lowResTable.push_back(lowResOut[k].data());
+            }
+            SrFloatConvolution convolution(g.hrWidth, g.hrHeight, g.kernelWidth, g.kernelHeight,
+                                           g.factor);
+            const int h = g.lrHeight();
+            const int bands[] = {0, 1, h / 2, h / 2, h};
+            for (int b = 0; b + 1 < 5; ++b) {
+                convolution.validCorrToSparse(frames, full.data(), psfX.data(), psfY.data(),
+                                              lowResTable.data(), bands[b], bands[b + 1]);
+            }
+            std::vector<float> accumulated = problems[1].full;
+            std::vector<float> expected = accumulated;
+            const int fullHeight = g.fullHeight();
+            const int fullBands[] = {0, 3, 4, fullHeight / 2 + 1, fullHeight};
+            for (int b = 0; b + 1 < 5; ++b) {
+                convolution.accumulateFullConvFromSparse(
+                    frames, lowRes.data(), psfX.data(), psfY.data(), masks.data(),
+                    accumulated.data(), fullBands[b], fullBands[b + 1]);
+            }
+            std::vector<float> single(expected.size());
+            std::vector<float> singleLow(lowResOut[0].size());
+            for (int k = 0; k < frames; ++k) {
+                plain::validCorrToSparse(g, full.data(), psfX[k], psfY[k], singleLow.data());
+                EXPECT_EQ(std::memcmp(singleLow.data(), lowResOut[k].data(),
+                                      singleLow.size() * sizeof(float)),
+                          0);
+                plain::fullConvFromSparse(g, lowRes[k], psfX[k], psfY[k], masks[k], single.data());
+                for (size_t i = 0; i < expected.size(); ++i) {
+                    expected[i] += single[i];
+                }
+            }
+            EXPECT_EQ(
+                std::memcmp(expected.data(), accumulated.data(), expected.size() * sizeof(float)),
+                0);
 
-        // Samples masked as they are produced go into the adjoint as they are: the
-        // solver's product of the two sweeps, exactly.
-        for (int b = 0; b + 1 < 5; ++b) {
-            convolution.validCorrToSparse(frames, full.data(), psfX.data(), psfY.data(),
-                                          lowResTable.data(), bands[b], bands[b + 1], masks.data());
-        }
-        const std::vector<const float*> sampled(lowResTable.begin(), lowResTable.end());
-        std::vector<float> product = problems[1].full;
-        for (int b = 0; b + 1 < 5; ++b) {
-            convolution.accumulateFullConvFromSparse(frames, sampled.data(), psfX.data(),
-                                                     psfY.data(), nullptr, product.data(),
-                                                     fullBands[b], fullBands[b + 1]);
-        }
-        std::vector<float> expectedProduct = problems[1].full;
-        for (int k = 0; k < frames; ++k) {
-            plain::validCorrToSparse(g, full.data(), psfX[k], psfY[k], singleLow.data());
-            for (size_t i = 0; i < singleLow.size(); ++i) {
-                ASSERT_EQ(lowResOut[k][i],
-                          static_cast<float>(static_cast<signed char>(masks[k][i])) * singleLow[i]);
+            // Samples masked as they are produced go into the adjoint as they are: the
+            // solver's product of the two sweeps, exactly.
+            for (int b = 0; b + 1 < 5; ++b) {
+                convolution.validCorrToSparse(frames, full.data(), psfX.data(), psfY.data(),
+                                              lowResTable.data(), bands[b], bands[b + 1],
+                                              masks.data());
             }
-            plain::fullConvFromSparse(g, singleLow.data(), psfX[k], psfY[k], masks[k],
-                                      single.data());
-            for (size_t i = 0; i < expectedProduct.size(); ++i) {
-                expectedProduct[i] += single[i];
+            const std::vector<const float*> sampled(lowResTable.begin(), lowResTable.end());
+            std::vector<float> product = problems[1].full;
+            for (int b = 0; b + 1 < 5; ++b) {
+                convolution.accumulateFullConvFromSparse(frames, sampled.data(), psfX.data(),
+                                                         psfY.data(), nullptr, product.data(),
+                                                         fullBands[b], fullBands[b + 1]);
             }
+            std::vector<float> expectedProduct = problems[1].full;
+            for (int k = 0; k < frames; ++k) {
+                plain::validCorrToSparse(g, full.data(), psfX[k], psfY[k], singleLow.data());
+                for (size_t i = 0; i < singleLow.size(); ++i) {
+                    ASSERT_EQ(
+                        lowResOut[k][i],
+                        static_cast<float>(static_cast<signed char>(masks[k][i])) * singleLow[i]);
+                }
+                plain::fullConvFromSparse(g, singleLow.data(), psfX[k], psfY[k], masks[k],
+                                          single.data());
+                for (size_t i = 0; i < expectedProduct.size(); ++i) {
+                    expectedProduct[i] += single[i];
+                }
+            }
+            EXPECT_EQ(
+                std::memcmp(expectedProduct.data(), product.data(), product.size() * sizeof(float)),
+                0);
         }
-        EXPECT_EQ(
-            std::memcmp(expectedProduct.data(), product.data(), product.size() * sizeof(float)), 0);
-    }
 }
 
 TEST(SrFloatConvolution, CorrelationIsTheAdjointOfTheMaskedConvolution) {
