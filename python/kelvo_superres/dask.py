@@ -97,11 +97,15 @@ def write_summary(path, folder, frame_count, options, started, *chunks):
     """Writes the sequence's JSON summary from the summaries of its chunks; returns it."""
     windows = [window for chunk in chunks for window in chunk]
     factors = [window["factor"] for window in windows if window["factor"] is not None]
+    # A pass that warned still wrote its result; only a failed registration left none.
+    failed = Status.REGISTRATION_FAILED.name
+    warned = [window["status"] for window in windows if window["status"] not in ("OK", failed)]
     summary = {
         "sequence": path,
         "frames": frame_count,
         "results": len(windows),
-        "failed_passes": sum(window["status"] != "OK" for window in windows),
+        "failed_passes": sum(window["status"] == failed for window in windows),
+        "warned_passes": {status: warned.count(status) for status in sorted(set(warned))},
         "mean_factor": sum(factors) / len(factors) if factors else None,
         "options": {name: value if isinstance(value, (str, int, float, type(None))) else str(value)
                     for name, value in options.items()},

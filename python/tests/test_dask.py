@@ -52,6 +52,9 @@ def test_two_workers_write_the_serial_results(small_burst, tmp_path):
             image = np.load(tmp_path / "out" / name / window["result"])
             assert image.tobytes() == expected.image.tobytes()
     assert [window["status"] for window in summaries[0]["windows"]][1] == "REGISTRATION_FAILED"
+    warned = [r.status.name for r in serial["E_1_60_60_00524-00532"] if r.status != ksr.Status.OK]
+    assert (summaries[0]["failed_passes"], summaries[1]["failed_passes"]) == (1, 0)
+    assert summaries[1]["warned_passes"] == {status: warned.count(status) for status in set(warned)}
     assert sorted(os.listdir(tmp_path / "out" / "flight")) == \
         ["result_00004.npy", "result_00006.npy", "summary.json"]
     with pytest.raises(ValueError, match="holds 3 frames: a result needs 5"):
