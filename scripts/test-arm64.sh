@@ -41,7 +41,8 @@ fi
 # database so that the sysroot holds the whole closure, then unpacked without dpkg.
 arm64_packages=(libopencv-dev:arm64 libgtest-dev:arm64 libbenchmark-dev:arm64
                 libavformat-dev:arm64 libavcodec-dev:arm64 libavutil-dev:arm64
-                libswscale-dev:arm64 libstdc++-12-dev:arm64 libc6-dev:arm64 libcli11-dev)
+                libswscale-dev:arm64 libstdc++-12-dev:arm64 libc6-dev:arm64 libcli11-dev
+                nlohmann-json3-dev)
 if [ "$(cat "$sysroot/.packages" 2>/dev/null)" != "${arm64_packages[*]}" ]; then
     mkdir -p "$work/apt/archives/partial" "$sysroot"
     : > "$work/apt/status"
