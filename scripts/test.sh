@@ -6,7 +6,8 @@
 #   build-asan/   clang with AddressSanitizer and UndefinedBehaviorSanitizer (float-to-int
 #                 overflow included), every test, then each fuzz target for KELVO_CI_FUZZ_SECONDS
 #                 (default 45);
-#   build-tsan/   clang with ThreadSanitizer, contexts on several threads of the host.
+#   build-tsan/   clang with ThreadSanitizer, contexts on several threads of the host;
+# and then cross-builds for ARM64 and runs the tests under emulation (scripts/test-arm64.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -62,3 +63,6 @@ cmake --build build-tsan -j "$jobs" --target kelvo_tests
 # run on that pool) are checked for identical results in the other builds instead.
 OPENCV_FOR_THREADS_NUM=1 TSAN_OPTIONS=halt_on_error=1 \
     build-tsan/tests/kelvo_tests --gtest_filter='ConcurrentContexts.*'
+
+echo "== ARM64 under emulation"
+bash scripts/test-arm64.sh
