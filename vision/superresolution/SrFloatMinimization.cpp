@@ -41,6 +41,13 @@ KELVO_VECTOR_CLONES void scaleAndAdd(float beta, const float* r, int begin, int 
     }
 }
 
+// frame[i] = (frame[i] - mean) / deviation for i in [0, length).
+KELVO_VECTOR_CLONES void normalise(float mean, float deviation, int length, float* frame) {
+    for (int i = 0; i < length; ++i) {
+        frame[i] = (frame[i] - mean) / deviation;
+    }
+}
+
 // r[i] = b[i] - r[i] and p[i] = r[i] for i in [begin, end): the first residual of a
 // restart is also its first direction.
 KELVO_VECTOR_CLONES void residualAndDirection(const float* b, int begin, int end,
@@ -216,12 +223,8 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
     });
     const float deviation = std::sqrt(static_cast<float>(varianceSum / frameSize));
     const float meanValue = static_cast<float>(mean);
-    for (int k = 0; k < numFrames; ++k) {
-        float* frame = frames[k];
-        for (int i = 0; i < frameSize; ++i) {
-            frame[i] = (frame[i] - meanValue) / deviation;
-        }
-    }
+    forEachInRuns(numFrames, threads,
+                  [&](int k, int) { normalise(meanValue, deviation, frameSize, frames[k]); });
 
     for (int k = 0; k < maxFrames; ++k) {
         psfXTable[k] = psfX[k].data();
@@ -244,8 +247,15 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
     const int total = runRestarts(
         maxIter, [&](int budgetLeft) { return conjugateGradients(numFrames, masks, budgetLeft); });
 
-    restoreCropped(currentEstimate(), fullWidth, (psfSize - 1) / 2, highResWidth(), highResHeight(),
-                   deviation, meanValue, result);
+    const int outHeight = highResHeight();
+    const int outWidth = highResWidth();
+    const int margin = (psfSize - 1) / 2;
+    forEachInRuns(threads, threads, [&](int run, int) {
+        const int first = outHeight * run / threads;
+        const int end = outHeight * (run + 1) / threads;
+        restoreCropped(currentEstimate() + first * fullWidth, fullWidth, margin, outWidth,
+                       end - first, deviation, meanValue, result + first * outWidth);
+    });
     return total;
 }
 

@@ -152,8 +152,15 @@ int SrFloatRegistration2::registerFrames(int registeredFrames, int referenceInde
         registeredFrames > storedFrames) {
         return kNoTrackedCorner;
     }
-    initialize(masks, referenceIndex);
-    extractCornersRefImage(preparedFrames[referenceIndex]);
+    // The corner search and the reference's gradients read the reference alone, and
+    // may run side by side.
+    forEachInRuns(2, threads, [&](int task, int) {
+        if (task == 0) {
+            extractCornersRefImage(preparedFrames[referenceIndex]);
+        } else {
+            initialize(masks, referenceIndex);
+        }
+    });
     if (lastShifts.size() < static_cast<size_t>(registeredFrames)) {
         lastShifts.resize(registeredFrames);
     }

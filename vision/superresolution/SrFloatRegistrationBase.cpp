@@ -383,17 +383,25 @@ void SrFloatRegistrationBase::shiftFramesOntoReference(int frameCount, const flo
     // The frame height bounds both components, also the horizontal one. A NaN
     // shift fails the test as well.
     const float half = static_cast<float>(height / 2);
-    for (int k = 0; k < frameCount; ++k) {
-        const cv::Point_<float> shift = shifts[k];
-        completeShifts[k] = shift;
+    int accepted = 0;
+    for (; accepted < frameCount; ++accepted) {
+        const cv::Point_<float> shift = shifts[accepted];
+        completeShifts[accepted] = shift;
         if (!(-half < shift.x && shift.x < half && -half < shift.y && shift.y < half)) {
-            // The frames not shifted yet are handed back as copies.
-            for (int rest = k; rest < frameCount; ++rest) {
-                std::copy(frames[rest], frames[rest] + pixelCount, shiftedFrames[rest]);
-            }
-            throw Exception(kTooLargeDisplacement, throwSite.text() + "\n");
+            break;
         }
-        shiftFrame(frames[k], shifts[k], shiftedFrames[k]);
+    }
+    // The frames before the first rejected one are shifted, the others handed back as
+    // copies.
+    forEachInRuns(frameCount, threads, [&](int k, int) {
+        if (k < accepted) {
+            shiftFrame(frames[k], shifts[k], shiftedFrames[k]);
+        } else {
+            std::copy(frames[k], frames[k] + pixelCount, shiftedFrames[k]);
+        }
+    });
+    if (accepted < frameCount) {
+        throw Exception(kTooLargeDisplacement, throwSite.text() + "\n");
     }
 }
 
