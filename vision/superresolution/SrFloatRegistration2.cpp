@@ -166,18 +166,35 @@ int SrFloatRegistration2::registerFrames(int registeredFrames, int referenceInde
     }
     frameShifts.assign(registeredFrames, cv::Point_<float>(0.0f, 0.0f));
     frameStarts.resize(registeredFrames);
-    // The whole-pixel starts of the frames up to the first one whose corners are all
-    // lost; then the sub-pixel steps of those frames, which are independent of each
-    // other and may share the threads.
+    trackingResults.resize(registeredFrames);
+    // The whole-pixel starts of the frames. OpenCV tracks so few corners on the calling
+    // thread alone, so the frames share the threads instead. Only the frames before the
+    // first one whose corners are all lost count; their sub-pixel steps follow, which
+    // are independent of each other as well.
+    otherFrames.clear();
+    for (int k = 0; k < registeredFrames; ++k) {
+        if (k != referenceIndex) {
+            otherFrames.push_back(k);
+        }
+    }
+    const size_t runs = static_cast<size_t>(std::min(threads, frameCount));
+    if (trackingScratch.size() != runs) {
+        trackingScratch.resize(runs);
+    }
+    forEachInRuns(
+        static_cast<int>(otherFrames.size()), static_cast<int>(runs), [&](int entry, int run) {
+            const int k = otherFrames[entry];
+            trackingResults[k] =
+                registerWithCorners(referenceIndex, k, frameStarts[k], trackingScratch[run]);
+        });
     trackedFrames.clear();
     int result = 0;
-    for (int k = 0; k < registeredFrames && result == 0; ++k) {
-        if (k != referenceIndex) {
-            result = registerWithCorners(referenceIndex, k, frameStarts[k]);
-            if (result == 0) {
-                trackedFrames.push_back(k);
-            }
+    for (const int k : otherFrames) {
+        result = trackingResults[k];
+        if (result != 0) {
+            break;
         }
+        trackedFrames.push_back(k);
     }
     const float* reference = preparedFrames[referenceIndex].ptr<float>();
     forEachFrame(trackedFrames, [&](int k, int worker) {
@@ -193,46 +210,49 @@ int SrFloatRegistration2::registerFrames(int registeredFrames, int referenceInde
 }
 
 int SrFloatRegistration2::registerWithCorners(unsigned int referenceIndex, unsigned int frameIndex,
-                                              cv::Point_<int>& displacement) {
+                                              cv::Point_<int>& displacement,
+                                              TrackingScratch& scratch) const {
     displacement = cv::Point_<int>(0, 0);
     // The tracker refuses an empty point list.
     if (refCorners.empty()) {
         return kNoTrackedCorner;
     }
     // Only the tracked positions and their status are used, not the tracking error.
-    trackedCorners.clear();
+    scratch.tracked.clear();
     cv::calcOpticalFlowPyrLK(framePyramids[referenceIndex], framePyramids[frameIndex], refCorners,
-                             trackedCorners, trackStatus, cv::noArray(),
+                             scratch.tracked, scratch.status, cv::noArray(),
                              cv::Size(trackWindowSize, trackWindowSize), kPyramidLevels,
                              cv::TermCriteria(cv::TermCriteria::COUNT + cv::TermCriteria::EPS,
                                               kTrackIterations, kTrackEpsilon),
                              0, kTrackMinEigenvalue);
 
-    cornerDisplacements.clear();
-    for (size_t i = 0; i < trackStatus.size(); ++i) {
-        if (trackStatus[i] != 0) {
-            cornerDisplacements.push_back(trackedCorners[i] - refCorners[i]);
+    scratch.displacements.clear();
+    for (size_t i = 0; i < scratch.status.size(); ++i) {
+        if (scratch.status[i] != 0) {
+            scratch.displacements.push_back(scratch.tracked[i] - refCorners[i]);
         }
     }
-    if (cornerDisplacements.empty()) {
+    if (scratch.displacements.empty()) {
         return kNoTrackedCorner;
     }
-    displacement = consensusDisplacement(cornerDisplacements);
+    displacement = consensusDisplacement(scratch.displacements, scratch);
     return 0;
 }
 
 cv::Point_<int> SrFloatRegistration2::consensusDisplacement(
-    const std::vector<cv::Point_<float>>& displacements) {
-    displacementsX.clear();
-    displacementsY.clear();
+    const std::vector<cv::Point_<float>>& displacements, TrackingScratch& scratch) {
+    std::vector<float>& xs = scratch.xs;
+    std::vector<float>& ys = scratch.ys;
+    xs.clear();
+    ys.clear();
     for (const cv::Point_<float>& moved : displacements) {
-        displacementsX.push_back(moved.x);
-        displacementsY.push_back(moved.y);
+        xs.push_back(moved.x);
+        ys.push_back(moved.y);
     }
     const size_t middle = displacements.size() / 2;
-    std::nth_element(displacementsX.begin(), displacementsX.begin() + middle, displacementsX.end());
-    std::nth_element(displacementsY.begin(), displacementsY.begin() + middle, displacementsY.end());
-    const cv::Point_<float> median(displacementsX[middle], displacementsY[middle]);
+    std::nth_element(xs.begin(), xs.begin() + middle, xs.end());
+    std::nth_element(ys.begin(), ys.begin() + middle, ys.end());
+    const cv::Point_<float> median(xs[middle], ys[middle]);
     cv::Point_<float> sum(0.0f, 0.0f);
     int inliers = 0;
     for (const cv::Point_<float>& moved : displacements) {

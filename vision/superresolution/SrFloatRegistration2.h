@@ -44,11 +44,22 @@ public:
     float getRangeHigh() const { return rangeHigh; }
 
 protected:
+    // What tracking the reference corners into one frame works in; each thread has its
+    // own.
+    struct TrackingScratch {
+        std::vector<cv::Point_<float>> tracked;
+        std::vector<unsigned char> status;
+        std::vector<cv::Point_<float>> displacements;
+        std::vector<float> xs;
+        std::vector<float> ys;
+    };
+
     // The whole-pixel start from the displacements of the tracked corners (at least
     // one): per-component medians (the upper middle value for an even count), the
     // mean of the displacements within 2 pixels of both medians, rounded with halves
     // upward; (0, 0) when no displacement is that close to both.
-    cv::Point_<int> consensusDisplacement(const std::vector<cv::Point_<float>>& displacements);
+    static cv::Point_<int> consensusDisplacement(
+        const std::vector<cv::Point_<float>>& displacements, TrackingScratch& scratch);
 
     // The shifts and masks of doRegistration, for byte or float masks (1 valid).
     template <typename Mask>
@@ -57,7 +68,7 @@ protected:
 
 private:
     int registerWithCorners(unsigned int referenceIndex, unsigned int frameIndex,
-                            cv::Point_<int>& displacement);
+                            cv::Point_<int>& displacement, TrackingScratch& scratch) const;
     template <typename Mask>
     void initialize(Mask** masks, int referenceIndex);
     void extractCornersRefImage(cv::Mat_<float>& reference);
@@ -75,13 +86,11 @@ private:
     // One 8-bit buffer serves every slot: the pyramid copies it into its own,
     // bordered level 0 (a plain matrix is never reused as the pyramid base).
     cv::Mat eightBitFrame;
-    std::vector<cv::Point_<float>> trackedCorners;
-    std::vector<unsigned char> trackStatus;
-    std::vector<cv::Point_<float>> cornerDisplacements;
-    std::vector<float> displacementsX;
-    std::vector<float> displacementsY;
+    std::vector<TrackingScratch> trackingScratch;
     std::vector<cv::Point_<float>> frameShifts;
     std::vector<cv::Point_<int>> frameStarts;
+    std::vector<int> trackingResults;
+    std::vector<int> otherFrames;
     std::vector<int> trackedFrames;
 };
 

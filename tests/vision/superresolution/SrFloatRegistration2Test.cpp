@@ -174,12 +174,13 @@ class ExposedRegistration2 : public SrFloatRegistration2 {
 public:
     using SrFloatRegistration2::consensusDisplacement;
     using SrFloatRegistration2::SrFloatRegistration2;
+    using SrFloatRegistration2::TrackingScratch;
 };
 
 TEST(SrFloatRegistration2, CornerConsensusTakesUpperMediansAndStrictInliers) {
-    ExposedRegistration2 registration(kWidth, kHeight, kFrames);
+    ExposedRegistration2::TrackingScratch scratch;
     auto consensus = [&](std::vector<cv::Point2f> displacements) {
-        return registration.consensusDisplacement(displacements);
+        return ExposedRegistration2::consensusDisplacement(displacements, scratch);
     };
     // Rounding with halves upward.
     EXPECT_EQ(consensus({{1.4f, -2.6f}}), cv::Point(1, -3));
