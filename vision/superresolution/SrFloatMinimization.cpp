@@ -48,13 +48,10 @@ KELVO_VECTOR_CLONES void normalise(float mean, float deviation, int length, floa
     }
 }
 
-// r[i] = b[i] - r[i] and p[i] = r[i] for i in [begin, end): the first residual of a
-// restart is also its first direction.
-KELVO_VECTOR_CLONES void residualAndDirection(const float* b, int begin, int end,
-                                              float* __restrict r, float* __restrict p) {
+// r[i] = b[i] - r[i] for i in [begin, end).
+KELVO_VECTOR_CLONES void subtractFrom(const float* b, int begin, int end, float* r) {
     for (int i = begin; i < end; ++i) {
         r[i] = b[i] - r[i];
-        p[i] = r[i];
     }
 }
 
@@ -232,14 +229,24 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
         lowResTable[k] = lowResScratch[k].data();
     }
     shiftPsfs(basePsf, factor, numFrames, shifts, psfX, psfY);
+    // On one thread each band of the right-hand side is summed while it is in the cache.
+    const float* b = rhs.data();
+    LaneSum rhsNorm;
+    auto addToNorm = [&](int begin, int end) {
+        rhsNorm.add(begin, end, [&](int i) { return static_cast<double>(b[i] * b[i]); });
+    };
     forEachBand([&](int stripe, int first, int end) {
         std::fill(rhs.begin() + first * fullWidth, rhs.begin() + end * fullWidth, 0.0f);
         convolutionOf(stripe).accumulateFullConvFromSparse(
             numFrames, frames, psfXTable.data(), psfYTable.data(), masks, rhs.data(), first, end);
+        if (threads == 1) {
+            addToNorm(first * fullWidth, end * fullWidth);
+        }
     });
-    const float* b = rhs.data();
-    invRhsNorm2 = static_cast<float>(
-        1.0 / sumInLanes(fullSize, [&](int i) { return static_cast<double>(b[i] * b[i]); }));
+    if (threads > 1) {
+        addToNorm(0, fullSize);
+    }
+    invRhsNorm2 = static_cast<float>(1.0 / rhsNorm.total());
     // The first estimate is the right-hand side itself, read in place until the
     // first step writes the estimate's own image.
     estimateIsRhs = true;
@@ -262,7 +269,6 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
 KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, char** masks,
                                                                 int maxIter) {
     float* r = residual.data();
-    float* p = direction.data();
     const float* b = rhs.data();
     LaneSum norm;
     // The TV weights of each band are computed from the estimate just before the
@@ -270,7 +276,7 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
     gradient(
         currentEstimate(), numFrames, masks, r,
         [&](int begin, int end) { computeL(begin / fullWidth, end / fullWidth); },
-        [&](int begin, int end) { residualAndDirection(b, begin, end, r, p); },
+        [&](int begin, int end) { subtractFrom(b, begin, end, r); },
         [&](int begin, int end) {
             norm.add(begin, end, [&](int i) { return static_cast<double>(r[i] * r[i]); });
         });
@@ -286,10 +292,10 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
     return maxIter;
 }
 
-// One step of conjugate gradients. The new direction p = beta p + r of the previous
-// step is formed row by row just before the operator reads it, which spares one pass
-// over the image; a step that converges leaves it unformed, as nothing reads it any
-// more. The first step of a restart finds p = r formed with the residual.
+// One step of conjugate gradients. The new direction, p = r in the first step of a
+// restart and p = beta p + r after it, is formed row by row just before the operator
+// reads it, which spares one pass over the image; a restart or step that converges
+// leaves it unformed, as nothing reads it any more.
 KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
     float* r = residual.data();
     float* p = direction.data();
@@ -299,7 +305,9 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     gradient(
         p, numFrames, masks, ap,
         [&](int begin, int end) {
-            if (index > 0) {
+            if (index == 0) {
+                std::copy(r + begin, r + end, p + begin);
+            } else {
                 scaleAndAdd(beta, r, begin, end, p);
             }
         },
