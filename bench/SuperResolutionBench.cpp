@@ -95,6 +95,29 @@ void BM_AddFrame(benchmark::State& state) {
     }
 }
 
+// One result per arriving frame, as a camera runs the engine: each iteration adds the
+// next frame of the burst (in turn, so that the reference changes from pass to pass)
+// and computes the whole pass.
+void BM_VideoFrame(benchmark::State& state) {
+    const int width = static_cast<int>(state.range(0));
+    const int height = static_cast<int>(state.range(1));
+    const Burst burst = burstFor(width, height);
+    Engine engine(width, height, 5, 2.0f);
+    configure(engine);
+    engine.setThreads(static_cast<int>(state.range(2)));
+    for (const auto& frame : burst.frames) {
+        engine.addFrame(frame);
+    }
+    cv::Mat_<float> result;
+    kelvo::tools::QuietStandardOutput silenced;
+    std::size_t next = 0;
+    for (auto _ : state) {
+        engine.addFrame(burst.frames[next]);
+        benchmark::DoNotOptimize(engine.computeSR(result));
+        next = (next + 1) % burst.frames.size();
+    }
+}
+
 void BM_Registration(benchmark::State& state) {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
@@ -151,5 +174,10 @@ BENCHMARK_TEMPLATE(BM_ComputeSR, kelvo::vision::SrFloatNeon<kelvo::vision::SrFlo
 BENCHMARK(BM_Registration)->Apply(sensorSizes);
 BENCHMARK(BM_BicubicUpscale)->Apply(sensorSizes);
 BENCHMARK(BM_AddFrame)->Apply(sensorSizes);
+BENCHMARK(BM_VideoFrame)
+    ->Args({640, 512, 1})
+    ->Args({640, 512, 2})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 }  // namespace
