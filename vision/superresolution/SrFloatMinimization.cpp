@@ -348,8 +348,8 @@ void SrFloatMinimization::computeL(int firstRow, int endRow) {
 // from the weights to the sums while its rows are in the cache. The stages of a band
 // read rows of `in` and frame rows a few rows past either end of the band; where two
 // stripes meet, those rows are prepared and sampled first, once, before the stripes
-// run side by side. With several threads the sums run over the whole image
-// afterwards, in the one order.
+// run side by side. The first stripe sums its rows while they are in the cache, the
+// rows of the others are summed after all stripes, in the one order.
 template <typename PrepareRows, typename FinishRows, typename SumRows>
 KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numFrames, char** masks,
                                                        float* out, PrepareRows prepareRows,
@@ -396,6 +396,7 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numF
                                                       rows.lowResBegin, rows.lowResEnd, masks);
         });
     }
+    int summedEnd = 0;
     auto runStripe = [&](int stripe, int) {
         SrFloatConvolution& stripeConvolution = convolutionOf(stripe);
         const Seam before = seamAt(stripe);
@@ -420,17 +421,16 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numF
             stripeConvolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(),
                                                            psfXTable.data(), psfYTable.data(),
                                                            nullptr, out, first, end);
-            if (stripes == 1) {
+            if (stripe == 0) {
                 updateThenSum(first * fullWidth, end * fullWidth, finishRows, sumRows);
+                summedEnd = end * fullWidth;
             } else {
                 finishRows(first * fullWidth, end * fullWidth);
             }
         }
     };
     forEachInRuns(stripes, stripes, runStripe);
-    if (stripes > 1) {
-        sumRows(0, fullSize);
-    }
+    sumRows(summedEnd, fullSize);
 }
 
 // work(stripe, firstRow, endRow) for every band of kBandRows full rows. The bands are
@@ -446,16 +446,20 @@ void SrFloatMinimization::forEachBand(Work work) {
 }
 
 // update(first, last) over the whole image, then sum(first, last) over it in
-// ascending order: piece by piece on one thread, so that each piece is summed while
-// it is in the cache.
+// ascending order. The first run of bands sums each piece while it is in the cache,
+// the other runs' rows are summed after them.
 template <typename Update, typename Sum>
 void SrFloatMinimization::updateThenSumAll(Update update, Sum sum) {
-    if (threads > 1) {
-        forEachBand([&](int, int first, int end) { update(first * fullWidth, end * fullWidth); });
-        sum(0, fullSize);
-    } else {
-        updateThenSum(0, fullSize, update, sum);
-    }
+    int summedEnd = 0;
+    forEachBand([&](int stripe, int first, int end) {
+        if (stripe == 0) {
+            updateThenSum(first * fullWidth, end * fullWidth, update, sum);
+            summedEnd = end * fullWidth;
+        } else {
+            update(first * fullWidth, end * fullWidth);
+        }
+    });
+    sum(summedEnd, fullSize);
 }
 
 const float* SrFloatMinimization::currentEstimate() const {
