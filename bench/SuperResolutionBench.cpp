@@ -40,21 +40,27 @@ void configure(EngineType& engine) {
     engine.setRelativeResidue(0.007f);
 }
 
+// Configured, with `threads` threads, and holding the frames of the burst.
+template <class EngineType>
+void prime(EngineType& engine, const Burst& burst, int threads) {
+    configure(engine);
+    // The four-lane engine has one thread only.
+    if constexpr (!std::is_same_v<EngineType, kelvo::vision::SrFloatNeon<
+                                                  kelvo::vision::SrFloatNeonRegistration>>) {
+        engine.setThreads(threads);
+    }
+    for (const auto& frame : burst.frames) {
+        engine.addFrame(frame);
+    }
+}
+
 template <class EngineType>
 void BM_ComputeSR(benchmark::State& state) {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
     const Burst burst = burstFor(width, height);
     EngineType engine(width, height, 5, 2.0f);
-    configure(engine);
-    // The four-lane engine has one thread only.
-    if constexpr (!std::is_same_v<EngineType, kelvo::vision::SrFloatNeon<
-                                                  kelvo::vision::SrFloatNeonRegistration>>) {
-        engine.setThreads(static_cast<int>(state.range(2)));
-    }
-    for (const auto& frame : burst.frames) {
-        engine.addFrame(frame);
-    }
+    prime(engine, burst, static_cast<int>(state.range(2)));
     cv::Mat_<float> result;
     // The engine prints its timing lines on every pass; keep them out of the table.
     kelvo::tools::QuietStandardOutput silenced;
@@ -103,11 +109,7 @@ void BM_VideoFrame(benchmark::State& state) {
     const int height = static_cast<int>(state.range(1));
     const Burst burst = burstFor(width, height);
     Engine engine(width, height, 5, 2.0f);
-    configure(engine);
-    engine.setThreads(static_cast<int>(state.range(2)));
-    for (const auto& frame : burst.frames) {
-        engine.addFrame(frame);
-    }
+    prime(engine, burst, static_cast<int>(state.range(2)));
     cv::Mat_<float> result;
     kelvo::tools::QuietStandardOutput silenced;
     std::size_t next = 0;
