@@ -18,6 +18,9 @@ constexpr float kErfA = 0.1400123f;
 // Full-image rows per band of an operator application: the band of the result stays
 // in the second level cache from the stencil to the last frame's contribution.
 constexpr int kBandRows = 32;
+// The rows of TV weights a band's stencil reads: its own and the two above, since the
+// neighbours of a row's first pixel reach the last pixel two rows up.
+constexpr int kBandWeightRows = kBandRows + 2;
 
 // Runs update(first, last) over [begin, end) in pieces that stay in the first level
 // cache, each followed by sum(first, last) over the same piece: element-wise loops
@@ -148,7 +151,7 @@ KELVO_VECTOR_CLONES void restoreCropped(const float* estimate, int fullWidth, in
 }
 
 TvReconstructionBase::TvReconstructionBase(int lrWidth, int lrHeight, int maxFrames, float factor,
-                                           int spareFloats)
+                                           int spareFloats, bool weightImages)
     : lrWidth(lrWidth),
       lrHeight(lrHeight),
       psfSize(static_cast<int>(factor * 3.0f)),
@@ -164,10 +167,10 @@ TvReconstructionBase::TvReconstructionBase(int lrWidth, int lrHeight, int maxFra
       psfY(maxFrames, std::vector<float>(psfSize)),
       rhs(fullSize + spareFloats),
       estimate(fullSize + spareFloats),
-      weightRight(fullSize + spareFloats),
-      weightDown(fullSize + spareFloats),
-      weightDownLeft(fullSize + spareFloats),
-      weightDownRight(fullSize + spareFloats),
+      weightRight(weightImages ? fullSize + spareFloats : 0),
+      weightDown(weightImages ? fullSize + spareFloats : 0),
+      weightDownLeft(weightImages ? fullSize + spareFloats : 0),
+      weightDownRight(weightImages ? fullSize + spareFloats : 0),
       residual(fullSize + spareFloats),
       direction(fullSize + spareFloats),
       operatorDirection(fullSize + spareFloats) {
@@ -198,12 +201,14 @@ void TvReconstructionBase::setPsfSigma(float value) {
 }
 
 SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrames, float factor)
-    : TvReconstructionBase(lrWidth, lrHeight, maxFrames, factor),
+    : TvReconstructionBase(lrWidth, lrHeight, maxFrames, factor, 0, false),
       psfXTable(maxFrames),
       psfYTable(maxFrames),
       convolution(highResWidth(), highResHeight(), psfSize, psfSize, factor),
       lowResScratch(maxFrames, std::vector<float>(static_cast<size_t>(lrWidth) * lrHeight)),
-      lowResTable(maxFrames) {}
+      lowResTable(maxFrames),
+      otherEstimate(fullSize),
+      bandWeights(1, std::vector<float>(4 * static_cast<size_t>(kBandWeightRows) * fullWidth)) {}
 
 KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refIndex,
                                                       float** const frames,
@@ -271,11 +276,11 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
     float* r = residual.data();
     const float* b = rhs.data();
     LaneSum norm;
-    // The TV weights of each band are computed from the estimate just before the
-    // operator applies them.
+    // The TV weights follow this estimate until the next restart.
+    restartIsRhs = estimateIsRhs;
+    restartIndex = estimateIndex;
     gradient(
-        currentEstimate(), numFrames, masks, r,
-        [&](int begin, int end) { computeL(begin / fullWidth, end / fullWidth); },
+        currentEstimate(), numFrames, masks, r, [](int, int) {},
         [&](int begin, int end) { subtractFrom(b, begin, end, r); },
         [&](int begin, int end) {
             norm.add(begin, end, [&](int i) { return static_cast<double>(r[i] * r[i]); });
@@ -317,8 +322,13 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
         });
     const float alpha = static_cast<float>(residualNorm2 / pAp.total());
     const float* xIn = currentEstimate();
+    // The first step after a restart writes the other image, so that the restart's
+    // estimate stays for the weights; the steps after it update in place.
+    if (xIn == restartEstimate() && !estimateIsRhs) {
+        estimateIndex = 1 - estimateIndex;
+    }
     estimateIsRhs = false;
-    float* x = estimate.data();
+    float* x = estimateIndex == 0 ? estimate.data() : otherEstimate.data();
     LaneSum norm;
     updateThenSumAll([&](int first, int last) { stepAlong(alpha, p, ap, xIn, first, last, x, r); },
                      [&](int first, int last) {
@@ -334,22 +344,20 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     return false;
 }
 
-void SrFloatMinimization::computeL(int firstRow, int endRow) {
-    computeTvWeights(currentEstimate(), fullWidth, fullHeight, negInvWeightTV, epsilon, invEpsilon,
-                     tvWeights(), firstRow, endRow);
-}
-
 // out = L in + sum_k H_k^T M_k H_k in, band by band of full-image rows. Whole rows of
 // `in` are handed to prepareRows(begin, end) (index ranges) once, before anything
-// reads them or the weights of their pixels, the rows of a band to finishRows(begin,
-// end) once they are final, and then to sumRows(begin, end) in ascending order.
+// reads them, the rows of a band to finishRows(begin, end) once they are final, and
+// then to sumRows(begin, end) in ascending order.
 //
 // Each thread runs its stripe of consecutive bands one after the other, each band
-// from the weights to the sums while its rows are in the cache. The stages of a band
-// read rows of `in` and frame rows a few rows past either end of the band; where two
-// stripes meet, those rows are prepared and sampled first, once, before the stripes
-// run side by side. The first stripe sums its rows while they are in the cache, the
-// rows of the others are summed after all stripes, in the one order.
+// from its TV weights to the sums while its rows are in the cache. The weights are
+// computed anew for each band from the restart estimate: that costs a division per
+// weight in every application, but no weight image is written or streamed: the solve
+// keeps six full images instead of nine. The stages of a
+// band read rows of `in` and frame rows a few rows past either end of the band; where two stripes
+// meet, those rows are prepared and sampled first, once, before the stripes run side by side. The
+// first stripe sums its rows while they are in the cache, the rows of the others are summed after
+// all stripes, in the one order.
 template <typename PrepareRows, typename FinishRows, typename SumRows>
 KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numFrames, char** masks,
                                                        float* out, PrepareRows prepareRows,
@@ -417,7 +425,7 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numF
                                                     lowResDone, lowResEnd, masks);
                 lowResDone = lowResEnd;
             }
-            applyStencil(in, first * fullWidth, end * fullWidth, out);
+            applyStencil(in, first, end, out, stripe);
             stripeConvolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(),
                                                            psfXTable.data(), psfYTable.data(),
                                                            nullptr, out, first, end);
@@ -463,7 +471,12 @@ void SrFloatMinimization::updateThenSumAll(Update update, Sum sum) {
 }
 
 const float* SrFloatMinimization::currentEstimate() const {
-    return estimateIsRhs ? rhs.data() : estimate.data();
+    return estimateIsRhs ? rhs.data()
+                         : (estimateIndex == 0 ? estimate.data() : otherEstimate.data());
+}
+
+const float* SrFloatMinimization::restartEstimate() const {
+    return restartIsRhs ? rhs.data() : (restartIndex == 0 ? estimate.data() : otherEstimate.data());
 }
 
 SrFloatConvolution& SrFloatMinimization::convolutionOf(int stripe) {
@@ -474,22 +487,38 @@ void SrFloatMinimization::setThreads(int count) {
     threads = std::max(count, 1);
     const int bands = (fullHeight + kBandRows - 1) / kBandRows;
     stripeConvolutions.assign(std::min(threads, bands) - 1, convolution);
+    bandWeights.resize(std::min(threads, bands), bandWeights.front());
 }
 
-// out[i] = (L in)[i] for i in [begin, end). Pixels of the first and the last row
-// (and one more at either end) have neighbours outside the image and take the
-// general path; all others run through the branch-free loop.
-void SrFloatMinimization::applyStencil(const float* in, int begin, int end, float* out) {
+// out = L in for the rows [firstRow, endRow). The weights of the rows the stencil reads
+// are computed from the restart estimate into the stripe's band weights first; every
+// array is then indexed from the band weights' first row. Pixels of the image's first
+// and last row (and one more at either end) have neighbours outside the image and take
+// the general path; all others run through the branch-free loop.
+void SrFloatMinimization::applyStencil(const float* in, int firstRow, int endRow, float* out,
+                                       int stripe) {
     const int w = fullWidth;
-    const int interiorBegin = std::clamp(w + 1, begin, end);
-    const int interiorEnd = std::clamp(fullSize - w - 1, interiorBegin, end);
+    const int weightsFirstRow = std::max(firstRow - 2, 0);
+    float* store = bandWeights[stripe].data();
+    const int plane = kBandWeightRows * w;
+    const TvWeights weights{store, store + plane, store + 2 * plane, store + 3 * plane};
+    computeTvWeights(restartEstimate(), w, fullHeight, negInvWeightTV, epsilon, invEpsilon, weights,
+                     weightsFirstRow, endRow, weightsFirstRow);
+    const int shift = weightsFirstRow * w;
+    const float* bandIn = in + shift;
+    float* bandOut = out + shift;
+    const int size = fullSize - shift;
+    const int begin = firstRow * w - shift;
+    const int end = endRow * w - shift;
+    const int interiorBegin = std::clamp(w + 1 - shift, begin, end);
+    const int interiorEnd = std::clamp(size - w - 1, interiorBegin, end);
     for (int i = begin; i < interiorBegin; ++i) {
-        out[i] = tvStencilAt(in, i, w, fullSize, tvWeights());
+        bandOut[i] = tvStencilAt(bandIn, i, w, size, weights);
     }
-    stencilInterior(in, weightRight.data(), weightDown.data(), weightDownLeft.data(),
-                    weightDownRight.data(), w, interiorBegin, interiorEnd, out);
+    stencilInterior(bandIn, weights.right, weights.down, weights.downLeft, weights.downRight, w,
+                    interiorBegin, interiorEnd, bandOut);
     for (int i = interiorEnd; i < end; ++i) {
-        out[i] = tvStencilAt(in, i, w, fullSize, tvWeights());
+        bandOut[i] = tvStencilAt(bandIn, i, w, size, weights);
     }
 }
 
@@ -500,7 +529,8 @@ void SrFloatMinimization::applyStencil(const float* in, int begin, int end, floa
 // so that L x is a weighted Laplacian of x.
 KELVO_VECTOR_CLONES void computeTvWeights(const float* x, int w, int fullHeight,
                                           float negInvWeightTV, float epsilon, float invEpsilon,
-                                          const TvWeights& weights, int firstRow, int endRow) {
+                                          const TvWeights& weights, int firstRow, int endRow,
+                                          int storedFirstRow) {
     float* right = weights.right;
     float* down = weights.down;
     float* downLeft = weights.downLeft;
@@ -517,32 +547,34 @@ KELVO_VECTOR_CLONES void computeTvWeights(const float* x, int w, int fullHeight,
     for (int y = firstRow; y < endRow; ++y) {
         const int row = y * w;
         const int rowEnd = row + w;
+        // Weight index of pixel i: i - stored.
+        const int stored = storedFirstRow * w;
         for (int i = row; i < rowEnd - 1; ++i) {
-            right[i] = straight(x[i], x[i + 1]);
+            right[i - stored] = straight(x[i], x[i + 1]);
         }
-        right[rowEnd - 1] = 0.0f;
+        right[rowEnd - 1 - stored] = 0.0f;
         if (y == fullHeight - 1) {
-            std::fill(down + row, down + rowEnd, 0.0f);
-            std::fill(downLeft + row, downLeft + rowEnd, 0.0f);
-            std::fill(downRight + row, downRight + rowEnd, 0.0f);
+            std::fill(down + (row - stored), down + (rowEnd - stored), 0.0f);
+            std::fill(downLeft + (row - stored), downLeft + (rowEnd - stored), 0.0f);
+            std::fill(downRight + (row - stored), downRight + (rowEnd - stored), 0.0f);
             continue;
         }
         for (int i = row; i < rowEnd; ++i) {
-            down[i] = straight(x[i], x[i + w]);
+            down[i - stored] = straight(x[i], x[i + w]);
         }
-        downLeft[row] = 0.0f;
+        downLeft[row - stored] = 0.0f;
         for (int i = row + 1; i < rowEnd; ++i) {
-            downLeft[i] = diagonal(x[i], x[i + w - 1]);
+            downLeft[i - stored] = diagonal(x[i], x[i + w - 1]);
         }
         for (int i = row; i < rowEnd - 1; ++i) {
-            downRight[i] = diagonal(x[i], x[i + w + 1]);
+            downRight[i - stored] = diagonal(x[i], x[i + w + 1]);
         }
-        downRight[rowEnd - 1] = 0.0f;
+        downRight[rowEnd - 1 - stored] = 0.0f;
         if (y == 0) {
             // Pixel 0 takes the weights of pixel 1 and no down-left pair.
-            right[0] = straight(x[1], x[2]);
-            down[0] = straight(x[1], x[w + 1]);
-            downRight[0] = diagonal(x[1], x[w + 2]);
+            right[row - stored] = straight(x[1], x[2]);
+            down[row - stored] = straight(x[1], x[w + 1]);
+            downRight[row - stored] = diagonal(x[1], x[w + 2]);
         }
     }
 }

@@ -56,9 +56,10 @@ public:
 protected:
     // Sizes for frames of lrWidth x lrHeight at `factor`, PSF tables for maxFrames
     // frames, and the defaults: sigma 0.683, weightTV 400, epsilon 0.1, relRes 0.007,
-    // 8 iterations. The images carry spareFloats zeros past their end.
+    // 8 iterations. The images carry spareFloats zeros past their end; the four weight
+    // images exist only with weightImages.
     TvReconstructionBase(int lrWidth, int lrHeight, int maxFrames, float factor,
-                         int spareFloats = 0);
+                         int spareFloats = 0, bool weightImages = true);
     TvWeights tvWeights();
     // The (int)(w f) x (int)(h f) high-resolution image without the margin.
     int highResWidth() const { return static_cast<int>(static_cast<float>(lrWidth) * factor); }
@@ -115,8 +116,6 @@ public:
 
 private:
     int conjugateGradients(int numFrames, char** masks, int maxIter);
-    // The TV weights of the pixels in rows [firstRow, endRow).
-    void computeL(int firstRow, int endRow);
     template <typename PrepareRows, typename FinishRows, typename SumRows>
     void gradient(const float* in, int numFrames, char** masks, float* out, PrepareRows prepareRows,
                   FinishRows finishRows, SumRows sumRows);
@@ -126,8 +125,11 @@ private:
     void updateThenSumAll(Update update, Sum sum);
     SrFloatConvolution& convolutionOf(int stripe);
     const float* currentEstimate() const;
+    const float* restartEstimate() const;
     bool iteration(int index, int numFrames, char** masks);
-    void applyStencil(const float* in, int begin, int end, float* out);
+    // out = L in for the rows [firstRow, endRow), the weights computed from the restart
+    // estimate into the band weights of `stripe` just before.
+    void applyStencil(const float* in, int firstRow, int endRow, float* out, int stripe);
 
     // The tables of the per-frame buffers, as the convolution takes them; filled by
     // each minimize, so that they point into the object's own buffers after a copy.
@@ -143,8 +145,19 @@ private:
     std::vector<float*> lowResTable;
     // beta of the direction update still to be applied (see iteration).
     float directionBeta = 0.0f;
-    // Until the first step the estimate is the right-hand side, read from `rhs`.
+    // Until the first step the estimate is the right-hand side, read from `rhs`; then
+    // it lives in estimates[estimateIndex]. The TV weights are computed band by band
+    // from the estimate of the last restart, which the first step after a restart
+    // leaves unchanged by writing the other image.
     bool estimateIsRhs = false;
+    int estimateIndex = 0;
+    bool restartIsRhs = false;
+    int restartIndex = 0;
+    std::vector<float> otherEstimate;
+    // The TV weights of the rows a band's stencil reads, one set per stripe: rows
+    // first - 2 .. end - 1 of the band [first, end), each of the four weights
+    // kBandWeightRows full rows.
+    std::vector<std::vector<float>> bandWeights;
 };
 
 // The error function as every Gaussian tap of the library computes it:
@@ -190,8 +203,10 @@ int runRestarts(int maxIter, Restart restart) {
 void restoreCropped(const float* estimate, int fullWidth, int margin, int outWidth, int outHeight,
                     float deviation, float mean, float* result);
 // The TV weights of rows [firstRow, endRow) from the estimate x (w columns).
+// The weights' rows are stored from row storedFirstRow on (row y at (y - storedFirstRow) w).
 void computeTvWeights(const float* x, int w, int fullHeight, float negInvWeightTV, float epsilon,
-                      float invEpsilon, const TvWeights& weights, int firstRow, int endRow);
+                      float invEpsilon, const TvWeights& weights, int firstRow, int endRow,
+                      int storedFirstRow = 0);
 // The diagonal of L at pixel i, negated: the sum of its eight neighbour weights.
 float tvNeighbourWeightSum(const TvWeights& weights, int w, int i);
 // (L in)[i] for an image of s pixels, w per row, the terms outside the image left out.
