@@ -146,9 +146,9 @@ private:
     // beta of the direction update still to be applied (see iteration).
     float directionBeta = 0.0f;
     // Until the first step the estimate is the right-hand side, read from `rhs`; then
-    // it lives in estimates[estimateIndex]. The TV weights are computed band by band
-    // from the estimate of the last restart, which the first step after a restart
-    // leaves unchanged by writing the other image.
+    // it lives in `estimate` (estimateIndex 0) or `otherEstimate` (1). The TV weights
+    // are computed band by band from the estimate of the last restart, which the first
+    // step after a restart leaves unchanged by writing the other image.
     bool estimateIsRhs = false;
     int estimateIndex = 0;
     bool restartIsRhs = false;
