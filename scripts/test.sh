@@ -57,10 +57,10 @@ KELVO_FUZZ_BUILD=build-asan bash scripts/fuzz.sh "${KELVO_CI_FUZZ_SECONDS:-45}"
 echo "== ThreadSanitizer"
 configure_clang build-tsan -DKELVO_SANITIZERS=thread
 cmake --build build-tsan -j "$jobs" --target kelvo_tests
-# Contexts on the host's threads, each engine on its caller's thread. OpenCV's worker pool
-# (TBB) is not instrumented, so the sanitizer cannot see how it hands work over: its own loops
-# run on the calling thread here, and the tests that give an engine threads of its own (which
-# run on that pool) are checked for identical results in the other builds instead.
+# Contexts on the host's threads. OpenCV's worker pool (TBB) is not instrumented, so the
+# sanitizer cannot see how it hands work over: its loops run on the calling thread here, and the
+# test that gives each context threads of its own first replaces the pool by plain threads,
+# which the sanitizer sees.
 OPENCV_FOR_THREADS_NUM=1 TSAN_OPTIONS=halt_on_error=1 \
     build-tsan/tests/kelvo_tests --gtest_filter='ConcurrentContexts.*'
 
