@@ -6,6 +6,7 @@
 
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "tools/kelvo-sr/QuietStandardOutput.h"
 #include "tools/simulator/BurstSimulator.h"
@@ -54,28 +55,43 @@ void prime(EngineType& engine, const Burst& burst, int threads) {
     }
 }
 
+// A primed engine on the simulated burst of the benchmark's size (arguments: width, height,
+// threads), and the image its passes write.
 template <class EngineType>
-void BM_ComputeSR(benchmark::State& state) {
-    const int width = static_cast<int>(state.range(0));
-    const int height = static_cast<int>(state.range(1));
-    const Burst burst = burstFor(width, height);
-    EngineType engine(width, height, 5, 2.0f);
-    prime(engine, burst, static_cast<int>(state.range(2)));
+struct PrimedPass {
+    explicit PrimedPass(const benchmark::State& state)
+        : width(static_cast<int>(state.range(0))),
+          height(static_cast<int>(state.range(1))),
+          burst(burstFor(width, height)),
+          engine(width, height, 5, 2.0f) {
+        prime(engine, burst, static_cast<int>(state.range(2)));
+    }
+
+    int width;
+    int height;
+    Burst burst;
+    EngineType engine;
     cv::Mat_<float> result;
     // The engine prints its timing lines on every pass; keep them out of the table.
     kelvo::tools::QuietStandardOutput silenced;
+};
+
+template <class EngineType>
+void BM_ComputeSR(benchmark::State& state) {
+    PrimedPass<EngineType> pass(state);
     for (auto _ : state) {
-        benchmark::DoNotOptimize(engine.computeSR(result));
+        benchmark::DoNotOptimize(pass.engine.computeSR(pass.result));
     }
+    const Burst& burst = pass.burst;
     const double bicubic =
         ImageQuality::psnr(ImageQuality::upscaleBicubic(burst.frames[1]), burst.truth);
-    const double superResolved = ImageQuality::psnr(result, burst.truth);
+    const double superResolved = ImageQuality::psnr(pass.result, burst.truth);
     state.counters["psnr_bicubic_dB"] = bicubic;
     state.counters["psnr_sr_dB"] = superResolved;
     state.counters["gain_dB"] = superResolved - bicubic;
     // Time per input megapixel: flat when the cost grows with the pixel count.
     state.counters["per_MPixel"] = benchmark::Counter(
-        static_cast<double>(width) * height / 1e6,
+        static_cast<double>(pass.width) * pass.height / 1e6,
         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
@@ -105,18 +121,13 @@ void BM_AddFrame(benchmark::State& state) {
 // next frame of the burst (in turn, so that the reference changes from pass to pass)
 // and computes the whole pass.
 void BM_VideoFrame(benchmark::State& state) {
-    const int width = static_cast<int>(state.range(0));
-    const int height = static_cast<int>(state.range(1));
-    const Burst burst = burstFor(width, height);
-    Engine engine(width, height, 5, 2.0f);
-    prime(engine, burst, static_cast<int>(state.range(2)));
-    cv::Mat_<float> result;
-    kelvo::tools::QuietStandardOutput silenced;
+    PrimedPass<Engine> pass(state);
+    const std::vector<cv::Mat_<float>>& frames = pass.burst.frames;
     std::size_t next = 0;
     for (auto _ : state) {
-        engine.addFrame(burst.frames[next]);
-        benchmark::DoNotOptimize(engine.computeSR(result));
-        next = (next + 1) % burst.frames.size();
+        pass.engine.addFrame(frames[next]);
+        benchmark::DoNotOptimize(pass.engine.computeSR(pass.result));
+        next = (next + 1) % frames.size();
     }
 }
 
