@@ -6,6 +6,7 @@
 
 #include "vision/superresolution/LaneSum.h"
 #include "vision/superresolution/ParallelRuns.h"
+#include "vision/superresolution/SixteenFloats.h"
 #include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
@@ -88,6 +89,62 @@ KELVO_VECTOR_CLONES void stencilInterior(const float* in, const float* right, co
                  downRight[i - w - 1] * in[i - w - 1] + downLeft[i] * in[i + w - 1] +
                  downLeft[i - w + 1] * in[i - w + 1];
     }
+}
+
+// The same pixels sixteen at a time, from `begin` on; returns the first pixel it leaves
+// to the loop above. Every element goes through the operations of that loop in their
+// order; only the way the values reach the registers differs: each row of `in` and the
+// weight rows with a neighbour one column over are read once, as consecutive vectors.
+// A step reads one vector past its pixels, so the last vector stays with the loop above.
+KELVO_VECTOR_CLONES int stencilInteriorInVectors(const float* in, const float* right,
+                                                 const float* down, const float* downLeft,
+                                                 const float* downRight, int w, int begin, int end,
+                                                 float* __restrict out) {
+    if (end - begin < 2 * kSixteenLanes) {
+        return begin;
+    }
+    SixteenFloatsRow above(in + begin - w);
+    SixteenFloatsRow own(in + begin);
+    SixteenFloatsRow below(in + begin + w);
+    SixteenFloatsRow rightOwn(right + begin);
+    SixteenFloatsRow downRightAbove(downRight + begin - w);
+    SixteenFloatsRow downLeftAbove(downLeft + begin - w);
+    SixteenFloatsRow* rows[] = {&above, &own, &below, &rightOwn, &downRightAbove, &downLeftAbove};
+    int i = begin;
+    for (; i + 2 * kSixteenLanes <= end; i += kSixteenLanes) {
+        for (SixteenFloatsRow* row : rows) {
+            row->readAhead();
+        }
+        SixteenFloats rightLeft, downRightAboveLeft, downLeftAboveRight;
+        rightOwn.left(rightLeft);
+        downRightAbove.left(downRightAboveLeft);
+        downLeftAbove.right(downLeftAboveRight);
+        SixteenFloats downOwn, downAbove, downRightOwn, downLeftOwn;
+        loadSixteen(down + i, downOwn);
+        loadSixteen(down + i - w, downAbove);
+        loadSixteen(downRight + i, downRightOwn);
+        loadSixteen(downLeft + i, downLeftOwn);
+        const SixteenFloats centre =
+            -(rightLeft + rightOwn.current + downAbove + downOwn + downRightAboveLeft +
+              downRightOwn + downLeftAboveRight + downLeftOwn);
+        SixteenFloats ownRight, ownLeft, belowRight, belowLeft, aboveRight, aboveLeft;
+        own.right(ownRight);
+        own.left(ownLeft);
+        below.right(belowRight);
+        below.left(belowLeft);
+        above.right(aboveRight);
+        above.left(aboveLeft);
+        const SixteenFloats result = centre * own.current + rightOwn.current * ownRight +
+                                     rightLeft * ownLeft + downOwn * below.current +
+                                     downAbove * above.current + downRightOwn * belowRight +
+                                     downRightAboveLeft * aboveLeft + downLeftOwn * belowLeft +
+                                     downLeftAboveRight * aboveRight;
+        storeSixteen(result, out + i);
+        for (SixteenFloatsRow* row : rows) {
+            row->advance();
+        }
+    }
+    return i;
 }
 
 }  // namespace
@@ -515,8 +572,11 @@ void SrFloatMinimization::applyStencil(const float* in, int firstRow, int endRow
     for (int i = begin; i < interiorBegin; ++i) {
         bandOut[i] = tvStencilAt(bandIn, i, w, size, weights);
     }
+    const int vectorsEnd =
+        stencilInteriorInVectors(bandIn, weights.right, weights.down, weights.downLeft,
+                                 weights.downRight, w, interiorBegin, interiorEnd, bandOut);
     stencilInterior(bandIn, weights.right, weights.down, weights.downLeft, weights.downRight, w,
-                    interiorBegin, interiorEnd, bandOut);
+                    vectorsEnd, interiorEnd, bandOut);
     for (int i = interiorEnd; i < end; ++i) {
         bandOut[i] = tvStencilAt(bandIn, i, w, size, weights);
     }
