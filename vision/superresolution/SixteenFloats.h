@@ -15,6 +15,13 @@ namespace kelvo::vision {
 constexpr int kSixteenLanes = 16;
 using SixteenFloats = float __attribute__((vector_size(kSixteenLanes * sizeof(float))));
 
+using SixteenInts = int __attribute__((vector_size(kSixteenLanes * sizeof(int))));
+
+// |v| lane by lane, by clearing the sign bits as std::fabs does, NaNs included.
+inline void absoluteSixteen(const SixteenFloats& vector, SixteenFloats& out) {
+    out = reinterpret_cast<SixteenFloats>(reinterpret_cast<SixteenInts>(vector) & 0x7fffffff);
+}
+
 inline void loadSixteen(const float* values, SixteenFloats& vector) {
     std::memcpy(&vector, values, sizeof vector);
 }

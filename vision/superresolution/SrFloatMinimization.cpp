@@ -59,12 +59,13 @@ KELVO_VECTOR_CLONES void subtractFrom(const float* b, int begin, int end, float*
     }
 }
 
-// x[i] = xIn[i] + alpha p[i] and r[i] -= alpha ap[i] for i in [begin, end); x may be xIn.
+// x[i] = xIn[i] + alpha p[i] and r[i] = rIn[i] - alpha ap[i] for i in [begin, end); x
+// may be xIn and r may be rIn.
 KELVO_VECTOR_CLONES void stepAlong(float alpha, const float* p, const float* ap, const float* xIn,
-                                   int begin, int end, float* x, float* __restrict r) {
+                                   const float* rIn, int begin, int end, float* x, float* r) {
     for (int i = begin; i < end; ++i) {
         x[i] = xIn[i] + alpha * p[i];
-        r[i] -= alpha * ap[i];
+        r[i] = rIn[i] - alpha * ap[i];
     }
 }
 
@@ -143,6 +144,55 @@ KELVO_VECTOR_CLONES int stencilInteriorInVectors(const float* in, const float* r
         for (SixteenFloatsRow* row : rows) {
             row->advance();
         }
+    }
+    return i;
+}
+
+// clampMagnitude lane by lane.
+inline void clampMagnitudes(const SixteenFloats& d, float epsilon, float invEpsilon,
+                            SixteenFloats& out) {
+    out = d <= epsilon ? epsilon : (d >= invEpsilon ? invEpsilon : d);
+}
+
+// The four TV weights of the pixels [begin, end) of one row above the last (see
+// computeTvWeights), sixteen at a time; returns the first pixel it leaves to the plain
+// loops. The pair weights are those of the plain loops, operation for operation, but
+// both rows of x are read once for all four instead of once per weight and neighbour.
+// The first pixel's down-left weight is computed like the others, for the caller to
+// set to zero. A step reads one vector past its pixels; the last vector stays with the
+// plain loops.
+KELVO_VECTOR_CLONES int tvWeightsInVectors(const float* x, int w, int begin, int end,
+                                           float negInvWeightTV, float epsilon, float invEpsilon,
+                                           const TvWeights& weights) {
+    if (end - begin < 2 * kSixteenLanes) {
+        return begin;
+    }
+    const float q = 1.0f / std::sqrt(2.0f);
+    SixteenFloatsRow own(x + begin);
+    SixteenFloatsRow below(x + begin + w);
+    int i = begin;
+    for (; i + 2 * kSixteenLanes <= end; i += kSixteenLanes) {
+        own.readAhead();
+        below.readAhead();
+        SixteenFloats ownRight, belowLeft, belowRight;
+        own.right(ownRight);
+        below.left(belowLeft);
+        below.right(belowRight);
+        SixteenFloats magnitude, clamped;
+        absoluteSixteen(ownRight - own.current, magnitude);
+        clampMagnitudes(magnitude, epsilon, invEpsilon, clamped);
+        storeSixteen(negInvWeightTV / clamped, weights.right + i);
+        absoluteSixteen(below.current - own.current, magnitude);
+        clampMagnitudes(magnitude, epsilon, invEpsilon, clamped);
+        storeSixteen(negInvWeightTV / clamped, weights.down + i);
+        absoluteSixteen(belowLeft - own.current, magnitude);
+        clampMagnitudes(magnitude * q, epsilon, invEpsilon, clamped);
+        storeSixteen(negInvWeightTV / clamped * 0.5f, weights.downLeft + i);
+        absoluteSixteen(belowRight - own.current, magnitude);
+        clampMagnitudes(magnitude * q, epsilon, invEpsilon, clamped);
+        storeSixteen(negInvWeightTV / clamped * 0.5f, weights.downRight + i);
+        own.advance();
+        below.advance();
     }
     return i;
 }
@@ -354,22 +404,23 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::conjugateGradients(int numFrames, c
     return maxIter;
 }
 
-// One step of conjugate gradients. The new direction, p = r in the first step of a
-// restart and p = beta p + r after it, is formed row by row just before the operator
-// reads it, which spares one pass over the image; a restart or step that converges
-// leaves it unformed, as nothing reads it any more.
+// One step of conjugate gradients. The new direction is p = r in the first step of a
+// restart, p = beta p + r after it. The first step reads the residual itself as its
+// direction and writes the new residual into the direction's image, and the two images
+// trade places: no copy is made. The later steps form p row by row just before the
+// operator reads it, which spares one pass over the image; a restart or step that
+// converges leaves it unformed, as nothing reads it any more.
 KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames, char** masks) {
-    float* r = residual.data();
-    float* p = direction.data();
+    const float* r = residual.data();
+    float* p = index == 0 ? residual.data() : direction.data();
+    float* rOut = index == 0 ? direction.data() : residual.data();
     float* ap = operatorDirection.data();
     const float beta = directionBeta;
     LaneSum pAp;
     gradient(
         p, numFrames, masks, ap,
         [&](int begin, int end) {
-            if (index == 0) {
-                std::copy(r + begin, r + end, p + begin);
-            } else {
+            if (index > 0) {
                 scaleAndAdd(beta, r, begin, end, p);
             }
         },
@@ -387,11 +438,14 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
     estimateIsRhs = false;
     float* x = estimateIndex == 0 ? estimate.data() : otherEstimate.data();
     LaneSum norm;
-    updateThenSumAll([&](int first, int last) { stepAlong(alpha, p, ap, xIn, first, last, x, r); },
-                     [&](int first, int last) {
-                         norm.add(first, last,
-                                  [&](int i) { return static_cast<double>(r[i] * r[i]); });
-                     });
+    updateThenSumAll(
+        [&](int first, int last) { stepAlong(alpha, p, ap, xIn, r, first, last, x, rOut); },
+        [&](int first, int last) {
+            norm.add(first, last, [&](int i) { return static_cast<double>(rOut[i] * rOut[i]); });
+        });
+    if (index == 0) {
+        residual.swap(direction);
+    }
     const double newNorm2 = norm.total();
     if (static_cast<double>(relRes * relRes) > static_cast<double>(invRhsNorm2) * newNorm2) {
         return true;
@@ -609,7 +663,13 @@ KELVO_VECTOR_CLONES void computeTvWeights(const float* x, int w, int fullHeight,
         const int rowEnd = row + w;
         // Weight index of pixel i: i - stored.
         const int stored = storedFirstRow * w;
-        for (int i = row; i < rowEnd - 1; ++i) {
+        const int vectorsEnd =
+            y == fullHeight - 1
+                ? row
+                : tvWeightsInVectors(
+                      x, w, row, rowEnd - 1, negInvWeightTV, epsilon, invEpsilon,
+                      {right - stored, down - stored, downLeft - stored, downRight - stored});
+        for (int i = vectorsEnd; i < rowEnd - 1; ++i) {
             right[i - stored] = straight(x[i], x[i + 1]);
         }
         right[rowEnd - 1 - stored] = 0.0f;
@@ -619,14 +679,14 @@ KELVO_VECTOR_CLONES void computeTvWeights(const float* x, int w, int fullHeight,
             std::fill(downRight + (row - stored), downRight + (rowEnd - stored), 0.0f);
             continue;
         }
-        for (int i = row; i < rowEnd; ++i) {
+        for (int i = vectorsEnd; i < rowEnd; ++i) {
             down[i - stored] = straight(x[i], x[i + w]);
         }
         downLeft[row - stored] = 0.0f;
-        for (int i = row + 1; i < rowEnd; ++i) {
+        for (int i = std::max(vectorsEnd, row + 1); i < rowEnd; ++i) {
             downLeft[i - stored] = diagonal(x[i], x[i + w - 1]);
         }
-        for (int i = row; i < rowEnd - 1; ++i) {
+        for (int i = vectorsEnd; i < rowEnd - 1; ++i) {
             downRight[i - stored] = diagonal(x[i], x[i + w + 1]);
         }
         downRight[rowEnd - 1 - stored] = 0.0f;
