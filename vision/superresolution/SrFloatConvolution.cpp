@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <type_traits>
 
+#include "vision/superresolution/SixteenFloats.h"
 #include "vision/superresolution/VectorClones.h"
 
 namespace kelvo::vision {
@@ -160,6 +161,60 @@ KELVO_VECTOR_CLONES void splitPhases(const float* row, int rowLength, int step, 
     }
 }
 
+// The interior columns of the horizontal pass below (convolveRows) for the engine's
+// PSFs of six taps at factor 2 and five frames, added to the row, sixteen columns m of
+// the sparse rows (thirty-two of the row) at a time, from m = 2 on; returns the first m
+// it leaves to the plain loop. Every element sees the plain loop's operations in their
+// order: the row value, then per frame 0 + psfX[f][p] s_f[m] + psfX[f][p + 2] s_f[m - 1] +
+// psfX[f][p + 4] s_f[m - 2] for its phase p. The row is split into its even and odd
+// columns and interleaved again by shuffles, and s_f[m - 1], s_f[m - 2] are shuffled
+// out of consecutive vectors of the sparse row.
+KELVO_VECTOR_CLONES int addRowOfFiveFrames(const float* sparse, int w, const float* const* psfX,
+                                           int end, float* row) {
+    constexpr int kTaps = 6;
+    constexpr int n = kSixteenLanes;
+    constexpr int first = 2;
+    float k[kFramesAtOnce][kTaps];
+    SixteenFloats previous[kFramesAtOnce];
+    for (int f = 0; f < kFramesAtOnce; ++f) {
+        std::copy(psfX[f], psfX[f] + kTaps, k[f]);
+        previous[f] = SixteenFloats{};
+        previous[f][n - 2] = sparse[f * w + first - 2];
+        previous[f][n - 1] = sparse[f * w + first - 1];
+    }
+    int m = first;
+    for (; m + n <= end; m += n) {
+        SixteenFloats low, high;
+        loadSixteen(row + 2 * m, low);
+        loadSixteen(row + 2 * m + n, high);
+        SixteenFloats even = __builtin_shufflevector(low, high, 0, 2, 4, 6, 8, 10, 12, 14, 16, 18,
+                                                     20, 22, 24, 26, 28, 30);
+        SixteenFloats odd = __builtin_shufflevector(low, high, 1, 3, 5, 7, 9, 11, 13, 15, 17, 19,
+                                                    21, 23, 25, 27, 29, 31);
+        for (int f = 0; f < kFramesAtOnce; ++f) {
+            SixteenFloats current;
+            loadSixteen(sparse + f * w + m, current);
+            const SixteenFloats back1 =
+                __builtin_shufflevector(previous[f], current, 15, 16, 17, 18, 19, 20, 21, 22, 23,
+                                        24, 25, 26, 27, 28, 29, 30);
+            const SixteenFloats back2 =
+                __builtin_shufflevector(previous[f], current, 14, 15, 16, 17, 18, 19, 20, 21, 22,
+                                        23, 24, 25, 26, 27, 28, 29);
+            const SixteenFloats zero{};
+            even = even + (zero + k[f][0] * current + k[f][2] * back1 + k[f][4] * back2);
+            odd = odd + (zero + k[f][1] * current + k[f][3] * back1 + k[f][5] * back2);
+            previous[f] = current;
+        }
+        low = __builtin_shufflevector(even, odd, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7,
+                                      23);
+        high = __builtin_shufflevector(even, odd, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14,
+                                       30, 15, 31);
+        storeSixteen(low, row + 2 * m);
+        storeSixteen(high, row + 2 * m + n);
+    }
+    return m;
+}
+
 // The horizontal pass of the adjoint for one full row and `count` frames, frame f
 // with the sparse row sparse + f * w and the taps psfX[f]:
 //   row[p + F m] (+)= c_0, += c_1, ...  with  c_f = 0 + sum over d of
@@ -208,7 +263,11 @@ KELVO_VECTOR_CLONES void convolveRows(const float* sparse, int w, const float* c
             k[f][j] = psfX[f][j];
         }
     }
-    for (int m = begin; m < end; ++m) {
+    int vectorsEnd = begin;
+    if constexpr (Step == 2 && PhaseTaps == 3 && Frames == kFramesAtOnce && !Put) {
+        vectorsEnd = begin == 2 ? addRowOfFiveFrames(sparse, w, psfX, end, row) : begin;
+    }
+    for (int m = vectorsEnd; m < end; ++m) {
         for (int phase = 0; phase < s; ++phase) {
             float value = Put ? 0.0f : row[phase + s * m];
             for (int f = 0; f < frames; ++f) {
