@@ -416,15 +416,14 @@ SrFloatConvolution& SrFloatConvolution::operator=(const SrFloatConvolution& othe
 
 void SrFloatConvolution::fullConvFromSparse(float* const lowRes, float* const psfX,
                                             float* const psfY, char* mask, float* out) {
-    convolveFromSparse<false>(1, &lowRes, &psfX, &psfY, &mask, out, 0, fullHeight);
+    convolveFromSparse<false>(1, &lowRes, &psfX, &psfY, &mask, out, 0, fullHeight, 0);
 }
 
-void SrFloatConvolution::accumulateFullConvFromSparse(int count, const float* const* lowRes,
-                                                      const float* const* psfX,
-                                                      const float* const* psfY,
-                                                      const char* const* masks, float* out,
-                                                      int firstRow, int endRow) {
-    convolveFromSparse<true>(count, lowRes, psfX, psfY, masks, out, firstRow, endRow);
+void SrFloatConvolution::accumulateFullConvFromSparse(
+    int count, const float* const* lowRes, const float* const* psfX, const float* const* psfY,
+    const char* const* masks, float* out, int firstRow, int endRow, int lowResRingRows) {
+    convolveFromSparse<true>(count, lowRes, psfX, psfY, masks, out, firstRow, endRow,
+                             lowResRingRows);
 }
 
 // Row by row through the full image, and within a row frame by frame: the vertical
@@ -439,7 +438,7 @@ template <bool Accumulate>
 void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRes,
                                             const float* const* psfX, const float* const* psfY,
                                             const char* const* masks, float* out, int firstRow,
-                                            int endRow) {
+                                            int endRow, int lowResRingRows) {
     const int ringRows = (kernelHeight + 1) / kVerticalStep;
     const int ringSize = ringRows * lrWidth;
     // Per frame of a group: its ring, and its row of the vertical pass.
@@ -454,9 +453,10 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
         for (int t = firstRow; t < endRow; ++t) {
             const int rowsNeeded = std::min(t / kVerticalStep + 1, lrHeight);
             for (; masks != nullptr && rowsMasked < rowsNeeded; ++rowsMasked) {
-                const int offset = rowsMasked * lrWidth;
+                const int offset = lowResRowOffset(rowsMasked, lowResRingRows);
+                const int maskOffset = rowsMasked * lrWidth;
                 for (int k = 0; k < group; ++k) {
-                    maskRow(lowRes[first + k] + offset, masks[first + k] + offset, lrWidth,
+                    maskRow(lowRes[first + k] + offset, masks[first + k] + maskOffset, lrWidth,
                             rings + k * ringSize + (rowsMasked % ringRows) * lrWidth);
                 }
             }
@@ -474,8 +474,9 @@ void SrFloatConvolution::convolveFromSparse(int count, const float* const* lowRe
                         const int i = runTapIndices[j];
                         const int r = (t - i) / kVerticalStep;
                         runRows[f * taps + j] =
-                            masks != nullptr ? rings + (k + f) * ringSize + (r % ringRows) * lrWidth
-                                             : lowRes[first + k + f] + r * lrWidth;
+                            masks != nullptr
+                                ? rings + (k + f) * ringSize + (r % ringRows) * lrWidth
+                                : lowRes[first + k + f] + lowResRowOffset(r, lowResRingRows);
                         runTaps[f * taps + j] = psfY[first + k + f][i];
                     }
                     runTapTables[f] = runTaps.data() + f * taps;
@@ -506,7 +507,8 @@ void SrFloatConvolution::validCorrToSparse(float* const full, float* const psfX,
 // into its phases once for all frames.
 void SrFloatConvolution::validCorrToSparse(int count, const float* full, const float* const* psfX,
                                            const float* const* psfY, float* const* lowResOut,
-                                           int firstRow, int endRow, const char* const* masks) {
+                                           int firstRow, int endRow, const char* const* masks,
+                                           int lowResRingRows) {
     const int ringSize = kernelHeight * lrWidth;
     if (ringSize == 0) {
         return;
@@ -548,7 +550,7 @@ void SrFloatConvolution::validCorrToSparse(int count, const float* full, const f
                         runRows[f * taps + i] = rings + (k + f) * ringSize +
                                                 ((kVerticalStep * r + i) % kernelHeight) * lrWidth;
                     }
-                    runTargets[f] = lowResOut[first + k + f] + r * lrWidth;
+                    runTargets[f] = lowResOut[first + k + f] + lowResRowOffset(r, lowResRingRows);
                     if (masks != nullptr) {
                         runMasks[f] = masks[first + k + f] + r * lrWidth;
                     }

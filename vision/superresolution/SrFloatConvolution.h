@@ -43,13 +43,16 @@ public:
     // With masks, the rows of lowResOut[k] come out multiplied by the mask,
     // m_k .* H_k full, which the adjoint takes with masks == nullptr: a solver that
     // applies both in turn then masks each sample once, as it is produced.
+    // With lowResRingRows > 0 the frames' rows (not the masks') live in rings of that
+    // many rows, row r of frame k at lowRes[k] + (r mod lowResRingRows) w: a solver that sweeps
+    // band by band then keeps only the rows it still reads, and they stay in the cache.
     void validCorrToSparse(int count, const float* full, const float* const* psfX,
                            const float* const* psfY, float* const* lowResOut, int firstRow,
-                           int endRow, const char* const* masks = nullptr);
+                           int endRow, const char* const* masks = nullptr, int lowResRingRows = 0);
     void accumulateFullConvFromSparse(int count, const float* const* lowRes,
                                       const float* const* psfX, const float* const* psfY,
                                       const char* const* masks, float* out, int firstRow,
-                                      int endRow);
+                                      int endRow, int lowResRingRows = 0);
 
     // Box filter of side 2 radius + 1 whose window is clipped at the image border:
     // every output pixel is the mean of the input pixels inside both.
@@ -66,7 +69,11 @@ private:
     template <bool Accumulate>
     void convolveFromSparse(int count, const float* const* lowRes, const float* const* psfX,
                             const float* const* psfY, const char* const* masks, float* out,
-                            int firstRow, int endRow);
+                            int firstRow, int endRow, int lowResRingRows);
+    // Where row r of a frame starts, in a ring of lowResRingRows rows (0: all rows).
+    int lowResRowOffset(int r, int lowResRingRows) const {
+        return (lowResRingRows > 0 ? r % lowResRingRows : r) * lrWidth;
+    }
 
     // The horizontal sample step F, the factor as a whole number.
     int step;

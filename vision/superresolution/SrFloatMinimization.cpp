@@ -312,8 +312,9 @@ SrFloatMinimization::SrFloatMinimization(int lrWidth, int lrHeight, int maxFrame
       psfXTable(maxFrames),
       psfYTable(maxFrames),
       convolution(highResWidth(), highResHeight(), psfSize, psfSize, factor),
-      lowResScratch(maxFrames, std::vector<float>(static_cast<size_t>(lrWidth) * lrHeight)),
-      lowResTable(maxFrames),
+      lowResRingRows(std::min(kBandRows / 2 + psfSize + 2, lrHeight)),
+      lowResRings(1, std::vector<float>(static_cast<size_t>(maxFrames) * lowResRingRows * lrWidth)),
+      lowResTables(1, std::vector<float*>(maxFrames)),
       otherEstimate(fullSize),
       bandWeights(1, std::vector<float>(4 * static_cast<size_t>(kBandWeightRows) * fullWidth)) {}
 
@@ -338,7 +339,9 @@ KELVO_VECTOR_CLONES int SrFloatMinimization::minimize(int numFrames, int refInde
     for (int k = 0; k < maxFrames; ++k) {
         psfXTable[k] = psfX[k].data();
         psfYTable[k] = psfY[k].data();
-        lowResTable[k] = lowResScratch[k].data();
+        for (size_t stripe = 0; stripe < lowResRings.size(); ++stripe) {
+            lowResTables[stripe][k] = lowResRings[stripe].data() + k * lowResRingRows * lrWidth;
+        }
     }
     shiftPsfs(basePsf, factor, numFrames, shifts, psfX, psfY);
     // On one thread each band of the right-hand side is summed while it is in the cache.
@@ -510,21 +513,19 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numF
         forEachInRuns(stripes - 1, stripes - 1, [&](int seam, int) {
             const Seam rows = seamAt(seam + 1);
             prepareRows(rows.rowsBegin * fullWidth, rows.rowsEnd * fullWidth);
-            convolutionOf(seam + 1).validCorrToSparse(numFrames, in, psfXTable.data(),
-                                                      psfYTable.data(), lowResTable.data(),
-                                                      rows.lowResBegin, rows.lowResEnd, masks);
         });
     }
     int summedEnd = 0;
     auto runStripe = [&](int stripe, int) {
         SrFloatConvolution& stripeConvolution = convolutionOf(stripe);
+        float* const* lowRes = lowResTables[stripe].data();
         const Seam before = seamAt(stripe);
         const Seam after = seamAt(stripe + 1);
         int prepared = before.rowsEnd;
-        int lowResDone = before.lowResEnd;
+        int lowResDone = before.lowResBegin;
         for (int first = stripeStart(stripe); first < stripeStart(stripe + 1); first += kBandRows) {
             const int end = std::min(first + kBandRows, fullHeight);
-            const int lowResEnd = std::min(lowResNeeded(end), after.lowResBegin);
+            const int lowResEnd = lowResNeeded(end);
             const int rowsEnd = std::min(rowsRead(lowResEnd, end), after.rowsBegin);
             if (rowsEnd > prepared) {
                 prepareRows(prepared * fullWidth, rowsEnd * fullWidth);
@@ -532,14 +533,14 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numF
             }
             if (lowResEnd > lowResDone) {
                 stripeConvolution.validCorrToSparse(numFrames, in, psfXTable.data(),
-                                                    psfYTable.data(), lowResTable.data(),
-                                                    lowResDone, lowResEnd, masks);
+                                                    psfYTable.data(), lowRes, lowResDone, lowResEnd,
+                                                    masks, lowResRingRows);
                 lowResDone = lowResEnd;
             }
             applyStencil(in, first, end, out, stripe);
-            stripeConvolution.accumulateFullConvFromSparse(numFrames, lowResTable.data(),
-                                                           psfXTable.data(), psfYTable.data(),
-                                                           nullptr, out, first, end);
+            stripeConvolution.accumulateFullConvFromSparse(numFrames, lowRes, psfXTable.data(),
+                                                           psfYTable.data(), nullptr, out, first,
+                                                           end, lowResRingRows);
             if (stripe == 0) {
                 updateThenSum(first * fullWidth, end * fullWidth, finishRows, sumRows);
                 summedEnd = end * fullWidth;
@@ -599,6 +600,8 @@ void SrFloatMinimization::setThreads(int count) {
     const int bands = (fullHeight + kBandRows - 1) / kBandRows;
     stripeConvolutions.assign(std::min(threads, bands) - 1, convolution);
     bandWeights.resize(std::min(threads, bands), bandWeights.front());
+    lowResRings.resize(std::min(threads, bands), lowResRings.front());
+    lowResTables.resize(std::min(threads, bands), lowResTables.front());
 }
 
 // out = L in for the rows [firstRow, endRow). The weights of the rows the stencil reads

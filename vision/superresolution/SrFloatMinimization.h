@@ -140,9 +140,13 @@ private:
     // The operators of the stripes beyond the first when several threads work: each
     // needs scratch rows of its own.
     std::vector<SrFloatConvolution> stripeConvolutions;
-    // H_k x of every frame within one operator application.
-    std::vector<std::vector<float>> lowResScratch;
-    std::vector<float*> lowResTable;
+    // H_k x of every frame within one operator application, one set of rings per
+    // stripe: a band samples the frame rows it needs into its stripe's rings just
+    // before its adjoint reads them, and lowResRingRows rows hold every row a band
+    // still reads. Where two stripes meet, both sample the rows they share.
+    int lowResRingRows;
+    std::vector<std::vector<float>> lowResRings;
+    std::vector<std::vector<float*>> lowResTables;
     // beta of the direction update still to be applied (see iteration).
     float directionBeta = 0.0f;
     // Until the first step the estimate is the right-hand side, read from `rhs`; then
