@@ -31,12 +31,13 @@ inline void storeSixteen(const SixteenFloats& vector, float* values) {
 }
 
 // A row read sixteen values at a time from x[0] on. At each step `current` holds
-// x[i .. i+15] and `previous` x[i-16 .. i-1] (only x[-1] on the first step);
-// readAhead() reads x[i+16 .. i+31], which right() and the next step use.
+// x[i .. i+15] and `previous` x[i-16 .. i-1] (only x[-1] on the first step, given as
+// `left`, since a row at the start of an image has none: any value serves where left()
+// is not used); readAhead() reads x[i+16 .. i+31], which right() and the next step use.
 class SixteenFloatsRow {
 public:
-    explicit SixteenFloatsRow(const float* row) : ahead(row + kSixteenLanes) {
-        previous[kSixteenLanes - 1] = row[-1];
+    SixteenFloatsRow(const float* row, float left) : ahead(row + kSixteenLanes) {
+        previous[kSixteenLanes - 1] = left;
         loadSixteen(row, current);
     }
 

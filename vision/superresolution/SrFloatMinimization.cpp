@@ -104,12 +104,13 @@ KELVO_VECTOR_CLONES int stencilInteriorInVectors(const float* in, const float* r
     if (end - begin < 2 * kSixteenLanes) {
         return begin;
     }
-    SixteenFloatsRow above(in + begin - w);
-    SixteenFloatsRow own(in + begin);
-    SixteenFloatsRow below(in + begin + w);
-    SixteenFloatsRow rightOwn(right + begin);
-    SixteenFloatsRow downRightAbove(downRight + begin - w);
-    SixteenFloatsRow downLeftAbove(downLeft + begin - w);
+    auto row = [](const float* x) { return SixteenFloatsRow(x, x[-1]); };
+    SixteenFloatsRow above = row(in + begin - w);
+    SixteenFloatsRow own = row(in + begin);
+    SixteenFloatsRow below = row(in + begin + w);
+    SixteenFloatsRow rightOwn = row(right + begin);
+    SixteenFloatsRow downRightAbove = row(downRight + begin - w);
+    SixteenFloatsRow downLeftAbove = row(downLeft + begin - w);
     SixteenFloatsRow* rows[] = {&above, &own, &below, &rightOwn, &downRightAbove, &downLeftAbove};
     int i = begin;
     for (; i + 2 * kSixteenLanes <= end; i += kSixteenLanes) {
@@ -168,8 +169,9 @@ KELVO_VECTOR_CLONES int tvWeightsInVectors(const float* x, int w, int begin, int
         return begin;
     }
     const float q = 1.0f / std::sqrt(2.0f);
-    SixteenFloatsRow own(x + begin);
-    SixteenFloatsRow below(x + begin + w);
+    // The row's own pixels are only read on to the right.
+    SixteenFloatsRow own(x + begin, 0.0f);
+    SixteenFloatsRow below(x + begin + w, x[begin + w - 1]);
     int i = begin;
     for (; i + 2 * kSixteenLanes <= end; i += kSixteenLanes) {
         own.readAhead();
