@@ -135,6 +135,7 @@ float SrFloat<Registration>::computeSR(float* out) {
     if (iterations < 0) {
         return static_cast<float>(iterations);
     }
+    this->lastIterations = iterations;
 
     repairResultBadPixels(badPixelHandling, out, {outputWidth, outputHeight}, completeShifts,
                           framePointers.data(), storedFrames, {width, height}, frameViews);

@@ -41,6 +41,9 @@ public:
     float getMinStructureThreshold() const { return minStructureThreshold; }
 
     int getStoredFrames() const { return storedFrames; }
+    // The conjugate-gradient iterations of the last minimisation that finished (0 before
+    // one did): beyond its fixed part, a pass costs in proportion to them and to the size.
+    int getLastIterations() const { return lastIterations; }
 
     void clearFrames() { storedFrames = 0; }
     // The frames of the window, oldest first (storedFrames of them are meaningful).
@@ -91,6 +94,7 @@ protected:
     std::vector<cv::Point_<float>> shifts;
     std::vector<cv::Point_<float>> completeShifts;
     int storedFrames = 0;
+    int lastIterations = 0;
 
 private:
     void refreshPointers();

@@ -71,6 +71,7 @@ float SrFloatNeon<Registration>::computeSR(float* out) {
     if (iterations < 0) {
         return static_cast<float>(iterations);
     }
+    this->lastIterations = iterations;
     const float srFactor = this->estimateSrFactor(srFactorCap(this->factor));
     return status != 0 ? static_cast<float>(status) : srFactor;
 }

@@ -63,9 +63,12 @@ Burst simulatedBurst(cv::Size inputSize, std::uint64_t seed, float maxShift = 1.
 TEST(SrFloatPass, PrintsItsTimingLinesAndRecoversTheShifts) {
     const Burst burst = simulatedBurst(cv::Size(160, 120), 3);
     Pass pass(burst.frames);
+    EXPECT_EQ(pass.engine.getLastIterations(), 0);
     const float status = pass.run();
     EXPECT_GT(status, 0.75f);
     EXPECT_LE(status, 2.0f);
+    EXPECT_GE(pass.engine.getLastIterations(), 1);
+    EXPECT_LE(pass.engine.getLastIterations(), pass.engine.getMaxCGIters());
 
     const std::regex expected(
         "\\+\\+\\+\\+\\+\\+\\+\\+\\+\\+ SrFloat \\+\\+\\+\\+\\+\\+\\+\\+\\+\\+\n"
