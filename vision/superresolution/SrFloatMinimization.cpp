@@ -469,11 +469,12 @@ KELVO_VECTOR_CLONES bool SrFloatMinimization::iteration(int index, int numFrames
 // from its TV weights to the sums while its rows are in the cache. The weights are
 // computed anew for each band from the restart estimate: that costs a division per
 // weight in every application, but no weight image is written or streamed: the solve
-// keeps six full images instead of nine. The stages of a
-// band read rows of `in` and frame rows a few rows past either end of the band; where two stripes
-// meet, those rows are prepared and sampled first, once, before the stripes run side by side. The
-// first stripe sums its rows while they are in the cache, the rows of the others are summed after
-// all stripes, in the one order.
+// keeps six full images instead of nine. The stages of a band read rows of `in` and
+// frame rows a few rows past either end of the band; where two stripes meet, those rows
+// of `in` are prepared first, once, before the stripes run side by side, and each stripe
+// samples the frame rows it reads into its own rings. The first stripe sums its rows
+// while they are in the cache, the rows of the others are summed after all stripes, in
+// the one order.
 template <typename PrepareRows, typename FinishRows, typename SumRows>
 KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numFrames, char** masks,
                                                        float* out, PrepareRows prepareRows,
@@ -489,27 +490,25 @@ KELVO_VECTOR_CLONES void SrFloatMinimization::gradient(const float* in, int numF
     auto rowsRead = [&](int lowResEnd, int end) {
         return std::min(std::max(2 * (lowResEnd - 1) + psfSize, end + 1), fullHeight);
     };
-    // Where stripe s > 0 starts at row S: the frame rows from the first one the
-    // adjoint of row S reads to the last one the bands before S sample, and the rows
-    // of `in` they and the stencil on either side of S read.
+    // Where stripe s > 0 starts at row S: the first frame row the adjoint of row S
+    // reads, and the rows of `in` that the frame rows from there to the last one the
+    // bands before S sample, and the stencil on either side of S, read.
     struct Seam {
         int lowResBegin;
-        int lowResEnd;
         int rowsBegin;
         int rowsEnd;
     };
     auto seamAt = [&](int stripe) {
         if (stripe == 0) {
-            return Seam{0, 0, 0, 0};
+            return Seam{0, 0, 0};
         }
         if (stripe == stripes) {
-            return Seam{lrHeight, lrHeight, fullHeight, fullHeight};
+            return Seam{lrHeight, fullHeight, fullHeight};
         }
         const int start = stripeStart(stripe);
         const int lowResBegin = std::max((start - psfSize + 1) / 2, 0);
-        const int lowResEnd = lowResNeeded(start);
-        return Seam{lowResBegin, lowResEnd, std::min(2 * lowResBegin, start - 1),
-                    rowsRead(lowResEnd, start)};
+        return Seam{lowResBegin, std::min(2 * lowResBegin, start - 1),
+                    rowsRead(lowResNeeded(start), start)};
     };
     if (stripes > 1) {
         forEachInRuns(stripes - 1, stripes - 1, [&](int seam, int) {
